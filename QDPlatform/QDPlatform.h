@@ -1,0 +1,3 @@
+#pragma once
+
+// All public headers of the library, in the order of docs/architecture.md.

@@ -1,0 +1,71 @@
+# qd_compile_settings(TARGET): language level, warnings, sanitizers and coverage, alike for all that we build.
+#
+# qd_build_library(UMBRELLA NAME): makes the targets from what qd_sources() collected.
+#   qdplatform-objects     every source, compiled once; the tests of private code link it
+#   QDPlatform::QDPlatform the shared library that users link
+
+find_package(Threads REQUIRED)
+find_package(CURL REQUIRED)
+find_package(OpenSSL REQUIRED)
+find_package(ZLIB REQUIRED)
+
+# An entry in the library's NEEDED list even while no call is made into the dependency.
+set(CMAKE_CXX_LINK_LIBRARY_USING_KEPT "LINKER:--push-state,--no-as-needed" "<LINK_ITEM>" "LINKER:--pop-state")
+set(CMAKE_CXX_LINK_LIBRARY_USING_KEPT_SUPPORTED TRUE)
+
+function(qd_compile_settings target)
+    set_target_properties(${target} PROPERTIES CXX_STANDARD 20 CXX_STANDARD_REQUIRED ON CXX_EXTENSIONS OFF)
+    target_compile_options(${target} PRIVATE
+        -Wall -Wextra -Wpedantic -Wconversion -Wshadow
+        $<$<BOOL:${QD_DEVELOPER}>:-Werror>
+        # Assertions name their file: QDPlatform/X.cpp, wherever the build took place.
+        -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
+    if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+        target_compile_definitions(${target} PRIVATE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
+    endif()
+    if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+        target_compile_options(${target} PRIVATE -Wthread-safety)
+    endif()
+    if(QD_SANITIZE)
+        target_compile_options(${target} PRIVATE
+            -fsanitize=${QD_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+        target_link_options(${target} PRIVATE -fsanitize=${QD_SANITIZE})
+    endif()
+    if(QD_COVERAGE)
+        target_compile_options(${target} PRIVATE --coverage)
+        target_link_options(${target} PRIVATE --coverage)
+    endif()
+endfunction()
+
+function(qd_build_library)
+    cmake_parse_arguments(PARSE_ARGV 0 arg "" "UMBRELLA" "")
+    set(publicHeaders ${QD_PUBLIC_HEADERS} QDPlatform/${arg_UMBRELLA}.h)
+
+    add_library(qdplatform-objects OBJECT ${QD_SOURCES})
+    qd_compile_settings(qdplatform-objects)
+    set_target_properties(qdplatform-objects PROPERTIES
+        POSITION_INDEPENDENT_CODE ON CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
+    target_include_directories(qdplatform-objects PUBLIC ${PROJECT_SOURCE_DIR})
+    target_link_libraries(qdplatform-objects PUBLIC Threads::Threads)
+
+    add_library(QDPlatform SHARED $<TARGET_OBJECTS:qdplatform-objects>)
+    add_library(QDPlatform::QDPlatform ALIAS QDPlatform)
+    qd_compile_settings(QDPlatform)
+    target_compile_features(QDPlatform PUBLIC cxx_std_17)
+    target_include_directories(QDPlatform PUBLIC
+        $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+    target_link_libraries(QDPlatform PRIVATE
+        $<LINK_LIBRARY:KEPT,CURL::libcurl,OpenSSL::SSL,OpenSSL::Crypto,ZLIB::ZLIB> Threads::Threads ${CMAKE_DL_LIBS})
+    # --enable-new-dtags: the path is a RUNPATH, which LD_LIBRARY_PATH can override on a bench.
+    target_link_options(QDPlatform PRIVATE LINKER:--enable-new-dtags LINKER:-z,relro,-z,now)
+    if(NOT QD_SANITIZE) # a sanitizer's runtime is found in the program, not in the library
+        target_link_options(QDPlatform PRIVATE LINKER:-z,defs)
+    endif()
+    # The build tree's library has the shipped run path, so that the tests look at what users get.
+    set_target_properties(QDPlatform PROPERTIES
+        BUILD_WITH_INSTALL_RPATH ON INSTALL_RPATH "$ORIGIN/../lib/quendrel-scada;$ORIGIN")
+
+    install(TARGETS QDPlatform LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+    install(FILES ${publicHeaders} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/QDPlatform)
+    set(QD_PUBLIC_HEADERS ${publicHeaders} PARENT_SCOPE)
+endfunction()

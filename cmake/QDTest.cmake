@@ -1,0 +1,22 @@
+# qd_add_test(NAME [PRIVATE_CODE] [LABEL label] [LIBRARIES lib...])
+#
+# Builds NAME.cpp with the test support and gives each of its tests to CTest. PRIVATE_CODE links the library's objects
+# instead of the shared library, for what is not exported. LABEL is unit (the default), fault, stress or exhaustive.
+include(GoogleTest)
+
+function(qd_add_test name)
+    cmake_parse_arguments(PARSE_ARGV 1 arg "PRIVATE_CODE" "LABEL" "LIBRARIES")
+    get_filename_component(target ${name} NAME)
+    add_executable(${target} ${name}.cpp)
+    qd_compile_settings(${target})
+    target_link_libraries(${target} PRIVATE qd-test-support ${arg_LIBRARIES})
+    if(arg_PRIVATE_CODE)
+        target_link_libraries(${target} PRIVATE qdplatform-objects)
+    else()
+        target_link_libraries(${target} PRIVATE QDPlatform::QDPlatform)
+    endif()
+    if(NOT arg_LABEL)
+        set(arg_LABEL unit)
+    endif()
+    gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES LABELS ${arg_LABEL})
+endfunction()

@@ -1,0 +1,212 @@
+#include "FaultPlan.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <pthread.h>
+#include <sys/ioctl.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace
+{
+
+constexpr const char* kFunctions[] = {
+    "socket",         "bind",       "listen",      "accept4",     "setsockopt", "ioctl",         "pipe2",
+    "pthread_create", "select",     "read",        "recv",        "send",       "clock_gettime", "gettimeofday",
+    "shutdown",       "getsockopt", "getpeername", "getsockname", "connect",    "open",          "pthread_mutex_init",
+    "getnameinfo",    "write"};
+
+// The plan in force. Written before and after the threads under test run their calls, read in all of them.
+std::atomic<const char*> g_Function{nullptr};
+std::atomic<int> g_Nth{0};
+std::atomic<int> g_Error{0};
+std::atomic<bool> g_Forever{false};
+std::atomic<int> g_Calls{0};
+std::atomic<bool> g_HasFailed{false};
+
+// Returns the error with which this call is to fail, or 0.
+int TakeFault(const char* function)
+{
+    const char* planned = g_Function.load();
+    if (planned == nullptr || std::strcmp(planned, function) != 0)
+        return 0;
+    const int call = g_Calls.fetch_add(1) + 1;
+    const int nth = g_Nth.load();
+    if (call != nth && !(g_Forever.load() && call > nth))
+        return 0;
+    g_HasFailed.store(true);
+    return g_Error.load();
+}
+
+// The C library's own function, or a sanitizer's in front of it.
+template<class Function>
+Function* Next(const char* name, Function*)
+{
+    return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
+}
+
+int FailWith(int error)
+{
+    errno = error;
+    return -1;
+}
+
+} // namespace
+
+FaultPlan::FaultPlan(const char* function, int nth, int error, Repeat repeat)
+{
+    bool known = false;
+    for (const char* name : kFunctions)
+        known = known || std::strcmp(name, function) == 0;
+    if (!known || g_Function.load() != nullptr) {
+        std::fprintf(stderr, "FaultPlan: %s cannot be planned now\n", function);
+        std::abort();
+    }
+    g_Nth.store(nth);
+    g_Error.store(error);
+    g_Forever.store(repeat == Repeat::Forever);
+    g_Calls.store(0);
+    g_HasFailed.store(false);
+    g_Function.store(function);
+}
+
+FaultPlan::~FaultPlan()
+{
+    g_Function.store(nullptr);
+}
+
+int FaultPlan::GetCallCount() const
+{
+    return g_Calls.load();
+}
+
+bool FaultPlan::HasFailed() const
+{
+    return g_HasFailed.load();
+}
+
+// Each function asks the plan and then calls the next definition. The look-up is kept in a static: it is the same for
+// the life of the process.
+#define QD_TEST_WRAP(name, parameters, arguments)                                                                      \
+    extern "C" int name parameters                                                                                     \
+    {                                                                                                                  \
+        static const auto next = Next(#name, static_cast<int(*) parameters>(nullptr));                                 \
+        if (const int error = TakeFault(#name))                                                                        \
+            return FailWith(error);                                                                                    \
+        return next arguments;                                                                                         \
+    }
+
+QD_TEST_WRAP(socket, (int domain, int type, int protocol) noexcept, (domain, type, protocol))
+QD_TEST_WRAP(bind, (int fd, const sockaddr* address, socklen_t length) noexcept, (fd, address, length))
+QD_TEST_WRAP(listen, (int fd, int backlog) noexcept, (fd, backlog))
+QD_TEST_WRAP(connect, (int fd, const sockaddr* address, socklen_t length), (fd, address, length))
+QD_TEST_WRAP(accept4, (int fd, sockaddr* address, socklen_t* length, int flags), (fd, address, length, flags))
+QD_TEST_WRAP(shutdown, (int fd, int how) noexcept, (fd, how))
+QD_TEST_WRAP(getpeername, (int fd, sockaddr* address, socklen_t* length) noexcept, (fd, address, length))
+QD_TEST_WRAP(getsockname, (int fd, sockaddr* address, socklen_t* length) noexcept, (fd, address, length))
+QD_TEST_WRAP(setsockopt, (int fd, int level, int name, const void* value, socklen_t length) noexcept,
+             (fd, level, name, value, length))
+QD_TEST_WRAP(getsockopt, (int fd, int level, int name, void* value, socklen_t* length) noexcept,
+             (fd, level, name, value, length))
+QD_TEST_WRAP(pipe2, (int* ends, int flags) noexcept, (ends, flags))
+QD_TEST_WRAP(select, (int count, fd_set* readable, fd_set* writable, fd_set* failed, timeval* timeout),
+             (count, readable, writable, failed, timeout))
+QD_TEST_WRAP(clock_gettime, (clockid_t clock, timespec* now) noexcept, (clock, now))
+QD_TEST_WRAP(gettimeofday, (timeval * now, void* zone) noexcept, (now, zone))
+
+// The errors of these come as the result, not in errno.
+extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*start)(void*),
+                              void* argument) noexcept
+{
+    static const auto next = Next("pthread_create", &pthread_create);
+    if (const int error = TakeFault("pthread_create"))
+        return error;
+    return next(thread, attributes, start, argument);
+}
+
+extern "C" int pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes) noexcept
+{
+    static const auto next = Next("pthread_mutex_init", &pthread_mutex_init);
+    if (const int error = TakeFault("pthread_mutex_init"))
+        return error;
+    return next(mutex, attributes);
+}
+
+extern "C" int getnameinfo(const sockaddr* address, socklen_t length, char* host, socklen_t hostSize, char* service,
+                           socklen_t serviceSize, int flags)
+{
+    static const auto next = Next("getnameinfo", &getnameinfo);
+    if (const int error = TakeFault("getnameinfo"))
+        return error;
+    return next(address, length, host, hostSize, service, serviceSize, flags);
+}
+
+extern "C" ssize_t read(int fd, void* buffer, size_t size)
+{
+    static const auto next = Next("read", &read);
+    if (const int error = TakeFault("read"))
+        return FailWith(error);
+    return next(fd, buffer, size);
+}
+
+extern "C" ssize_t write(int fd, const void* data, size_t size)
+{
+    static const auto next = Next("write", &write);
+    if (const int error = TakeFault("write"))
+        return FailWith(error);
+    return next(fd, data, size);
+}
+
+extern "C" ssize_t recv(int fd, void* buffer, size_t size, int flags)
+{
+    static const auto next = Next("recv", &recv);
+    if (const int error = TakeFault("recv"))
+        return FailWith(error);
+    return next(fd, buffer, size, flags);
+}
+
+extern "C" ssize_t send(int fd, const void* data, size_t size, int flags)
+{
+    static const auto next = Next("send", &send);
+    if (const int error = TakeFault("send"))
+        return FailWith(error);
+    return next(fd, data, size, flags);
+}
+
+extern "C" int ioctl(int fd, unsigned long request, ...) noexcept
+{
+    static const auto next = Next("ioctl", &ioctl);
+    va_list arguments;
+    va_start(arguments, request);
+    void* argument = va_arg(arguments, void*);
+    va_end(arguments);
+    if (const int error = TakeFault("ioctl"))
+        return FailWith(error);
+    return next(fd, request, argument);
+}
+
+extern "C" int open(const char* path, int flags, ...)
+{
+    static const auto next = Next("open", &open);
+    mode_t mode = 0;
+    if ((flags & O_CREAT) != 0) {
+        va_list arguments;
+        va_start(arguments, flags);
+        mode = va_arg(arguments, mode_t);
+        va_end(arguments);
+    }
+    if (const int error = TakeFault("open"))
+        return FailWith(error);
+    return next(path, flags, mode);
+}

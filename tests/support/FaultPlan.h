@@ -1,0 +1,27 @@
+#pragma once
+
+// Makes the n-th call of one system function fail, from outside: the test program defines the function itself, so the
+// library's calls arrive here first and go on to the C library unless the plan says otherwise.
+//
+// A test that uses it links FaultPlan.cpp. One plan at a time; it ends with the object. Calls of all threads count.
+class FaultPlan
+{
+public:
+    enum class Repeat
+    {
+        Once,   // only call `nth` fails
+        Forever // call `nth` and all later ones fail
+    };
+
+    // function: one of the names listed in FaultPlan.cpp (anything else stops the program); nth counts from 1.
+    FaultPlan(const char* function, int nth, int error, Repeat repeat = Repeat::Once);
+    FaultPlan(const FaultPlan&) = delete;
+    FaultPlan& operator=(const FaultPlan&) = delete;
+    ~FaultPlan();
+
+    // Calls of the function since construction.
+    int GetCallCount() const;
+
+    // True once a call was made to fail.
+    bool HasFailed() const;
+};
