@@ -9,10 +9,6 @@ find_package(CURL REQUIRED)
 find_package(OpenSSL REQUIRED)
 find_package(ZLIB REQUIRED)
 
-# An entry in the library's NEEDED list even while no call is made into the dependency.
-set(CMAKE_CXX_LINK_LIBRARY_USING_KEPT "LINKER:--push-state,--no-as-needed" "<LINK_ITEM>" "LINKER:--pop-state")
-set(CMAKE_CXX_LINK_LIBRARY_USING_KEPT_SUPPORTED TRUE)
-
 function(qd_compile_settings target)
     set_target_properties(${target} PROPERTIES CXX_STANDARD 20 CXX_STANDARD_REQUIRED ON CXX_EXTENSIONS OFF)
     target_compile_options(${target} PRIVATE
@@ -55,9 +51,10 @@ function(qd_build_library)
     target_include_directories(QDPlatform PUBLIC
         $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
     target_link_libraries(QDPlatform PRIVATE
-        $<LINK_LIBRARY:KEPT,CURL::libcurl,OpenSSL::SSL,OpenSSL::Crypto,ZLIB::ZLIB> Threads::Threads ${CMAKE_DL_LIBS})
+        CURL::libcurl OpenSSL::SSL OpenSSL::Crypto ZLIB::ZLIB Threads::Threads ${CMAKE_DL_LIBS})
+    # --no-as-needed: each dependency stands in the library's NEEDED list, whether or not a call is made into it.
     # --enable-new-dtags: the path is a RUNPATH, which LD_LIBRARY_PATH can override on a bench.
-    target_link_options(QDPlatform PRIVATE LINKER:--enable-new-dtags LINKER:-z,relro,-z,now)
+    target_link_options(QDPlatform PRIVATE LINKER:--no-as-needed LINKER:--enable-new-dtags LINKER:-z,relro,-z,now)
     if(NOT QD_SANITIZE) # a sanitizer's runtime is found in the program, not in the library
         target_link_options(QDPlatform PRIVATE LINKER:-z,defs)
     endif()

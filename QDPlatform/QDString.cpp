@@ -1,0 +1,570 @@
+#include <QDPlatform/QDString.h>
+
+#include <QDPlatform/QDAssert.h>
+
+#include <strings.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <limits>
+
+namespace
+{
+
+constexpr int kReplacement = 0xFFFD;
+
+// A text of 4 GiB or more counts as the longest that fits in 32 bits.
+unsigned ClampLength(size_t length)
+{
+    return static_cast<unsigned>(std::min<size_t>(length, std::numeric_limits<unsigned>::max()));
+}
+
+unsigned qd_utf16len_of_codepoint(int cp)
+{
+    return cp < 0x10000 ? 1 : 2;
+}
+
+constexpr bool IsContinuation(uint8_t byte)
+{
+    return (byte & 0xC0) == 0x80;
+}
+
+constexpr bool IsHighSurrogate(unsigned unit)
+{
+    return (unit & 0xFC00) == 0xD800;
+}
+
+constexpr bool IsLowSurrogate(unsigned unit)
+{
+    return (unit & 0xFC00) == 0xDC00;
+}
+
+// The encodings, each with what a run needs: its unit, and how to take, measure and put one code point.
+struct Utf8
+{
+    using Unit = uint8_t;
+    static constexpr unsigned kMaxUnits = 4;
+
+    static int Decode(const Unit*& p, const Unit* end)
+    {
+        const unsigned lead = *p++;
+        if (lead < 0x80)
+            return static_cast<int>(lead);
+        if (end - p < 3)
+            return DecodeRest(lead, p, end);
+        // A well-formed sequence in one go: a continuation byte without its top bit is below 0x40, and no other is.
+        const unsigned first = p[0] ^ 0x80u;
+        if (lead < 0xE0) {
+            if (lead >= 0xC2 && first < 0x40) {
+                p += 1;
+                return static_cast<int>((lead & 0x1F) << 6 | first);
+            }
+            return DecodeRest(lead, p, end);
+        }
+        const unsigned second = p[1] ^ 0x80u;
+        if (lead < 0xF0) {
+            const unsigned value = (lead & 0x0F) << 12 | first << 6 | second;
+            if ((first | second) < 0x40 && value >= 0x800 && (value & 0xF800) != 0xD800) {
+                p += 2;
+                return static_cast<int>(value);
+            }
+            return DecodeRest(lead, p, end);
+        }
+        const unsigned third = p[2] ^ 0x80u;
+        const unsigned value = (lead & 0x0F) << 18 | first << 12 | second << 6 | third;
+        if ((first | second | third) < 0x40 && value >= 0x10000 && value < 0x110000) {
+            p += 3;
+            return static_cast<int>(value);
+        }
+        return DecodeRest(lead, p, end);
+    }
+
+    // The rules for every sequence, byte by byte; `lead` is consumed already.
+    static int DecodeRest(unsigned lead, const Unit*& p, const Unit* end)
+    {
+        if (lead < 0xC2 || lead > 0xF4)
+            return kReplacement;
+        const unsigned continuations = lead < 0xE0 ? 1 : lead < 0xF0 ? 2 : 3;
+        unsigned value = lead & (0x3Fu >> continuations);
+        for (unsigned i = 0; i < continuations; ++i) {
+            if (p == end || !IsContinuation(*p))
+                return kReplacement;
+            value = value << 6 | (*p++ & 0x3Fu);
+        }
+        if (continuations == 2 && (value < 0x800 || (value & 0xF800) == 0xD800))
+            return kReplacement;
+        if (continuations == 3 && (value < 0x10000 || value >= 0x110000))
+            return kReplacement;
+        return static_cast<int>(value);
+    }
+
+    static unsigned Length(int cp) { return cp < 0x80 ? 1 : cp < 0x800 ? 2 : cp < 0x10000 ? 3 : 4; }
+
+    static unsigned Encode(int cp, Unit* out)
+    {
+        const unsigned value = static_cast<unsigned>(cp);
+        const auto continuation = [value](unsigned shift) { return static_cast<Unit>(0x80 | (value >> shift & 0x3F)); };
+        if (cp < 0x80) {
+            out[0] = static_cast<Unit>(value);
+            return 1;
+        }
+        if (cp < 0x800) {
+            out[0] = static_cast<Unit>(0xC0 | value >> 6);
+            out[1] = continuation(0);
+            return 2;
+        }
+        if (cp < 0x10000) {
+            out[0] = static_cast<Unit>(0xE0 | value >> 12);
+            out[1] = continuation(6);
+            out[2] = continuation(0);
+            return 3;
+        }
+        out[0] = static_cast<Unit>(0xF0 | value >> 18);
+        out[1] = continuation(12);
+        out[2] = continuation(6);
+        out[3] = continuation(0);
+        return 4;
+    }
+};
+
+struct Utf16
+{
+    using Unit = uint16_t;
+    static constexpr unsigned kMaxUnits = 2;
+
+    static int Decode(const Unit*& p, const Unit* end)
+    {
+        const unsigned unit = *p++;
+        if (!IsHighSurrogate(unit) || p == end || !IsLowSurrogate(*p))
+            return static_cast<int>(unit);
+        return static_cast<int>(((unit << 10 & 0xFFC00) | (*p++ & 0x3FFu)) + 0x10000);
+    }
+
+    static unsigned Length(int cp) { return qd_utf16len_of_codepoint(cp); }
+
+    static unsigned Encode(int cp, Unit* out)
+    {
+        if (cp < 0x10000) {
+            out[0] = static_cast<Unit>(cp);
+            return 1;
+        }
+        const unsigned offset = static_cast<unsigned>(cp) - 0x10000;
+        out[0] = static_cast<Unit>(0xD800 | offset >> 10);
+        out[1] = static_cast<Unit>(0xDC00 | (offset & 0x3FF));
+        return 2;
+    }
+};
+
+struct Utf32
+{
+    using Unit = uint32_t;
+    static constexpr unsigned kMaxUnits = 1;
+
+    static int Decode(const Unit*& p, const Unit*) { return static_cast<int>(*p++); }
+
+    static unsigned Length(int) { return 1; }
+
+    static unsigned Encode(int cp, Unit* out)
+    {
+        out[0] = static_cast<Unit>(cp);
+        return 1;
+    }
+};
+
+// A machine word of units, every one of them below 0x80.
+template<class Unit>
+bool IsAsciiWord(const Unit* src)
+{
+    constexpr size_t kAllUnits = static_cast<size_t>(-1) / std::numeric_limits<Unit>::max();
+    size_t word;
+    std::memcpy(&word, src, sizeof word);
+    return (word & ~(kAllUnits * 0x7F)) == 0;
+}
+
+template<class From, class To, bool Writes>
+unsigned Run(const typename From::Unit* src, unsigned srcLen, typename To::Unit* dst, unsigned dstSize)
+{
+    constexpr unsigned kWordUnits = sizeof(size_t) / sizeof *src;
+    const auto* const end = src + srcLen;
+    unsigned written = 0;
+    while (src < end) {
+        if (kWordUnits > 1 && *src < 0x80) {
+            while (end - src >= kWordUnits && dstSize - written >= kWordUnits && IsAsciiWord(src)) {
+                if constexpr (Writes) {
+                    for (unsigned i = 0; i < kWordUnits; ++i)
+                        dst[written + i] = static_cast<typename To::Unit>(src[i]);
+                }
+                src += kWordUnits;
+                written += kWordUnits;
+            }
+            if (src == end)
+                break;
+        }
+        const int cp = From::Decode(src, end);
+        const unsigned room = dstSize - written;
+        if (room < To::kMaxUnits && room < To::Length(cp))
+            break;
+        if constexpr (Writes)
+            written += To::Encode(cp, dst + written);
+        else
+            written += To::Length(cp);
+    }
+    return written;
+}
+
+template<class From, class To>
+unsigned Convert(const typename From::Unit* src, unsigned srcLen, typename To::Unit* dst, unsigned dstSize)
+{
+    return Run<From, To, true>(src, srcLen, dst, dstSize);
+}
+
+template<class From, class To>
+unsigned Measure(const typename From::Unit* src, unsigned srcLen, unsigned maxLen)
+{
+    return Run<From, To, false>(src, srcLen, nullptr, maxLen);
+}
+
+template<class Unit>
+unsigned Copy(const Unit* src, unsigned srcLen, Unit* dst, unsigned dstSize)
+{
+    const unsigned count = std::min(srcLen, dstSize);
+    std::copy_n(src, count, dst);
+    return count;
+}
+
+const uint8_t* AsUtf8(const char* text)
+{
+    return reinterpret_cast<const uint8_t*>(text);
+}
+
+uint8_t* AsUtf8(char* text)
+{
+    return reinterpret_cast<uint8_t*>(text);
+}
+
+} // namespace
+
+bool qd_strcpy(char* dst, unsigned size, const char* src)
+{
+    return qd_strcpy(dst, size, src, ClampLength(std::strlen(src)));
+}
+
+bool qd_strcpy(char* dst, unsigned size, const char* src, unsigned len)
+{
+    if (len < size) {
+        std::memcpy(dst, src, len);
+        dst[len] = '\0';
+        return false;
+    }
+    std::memcpy(dst, src, size);
+    dst[size - 1] = '\0';
+    return true;
+}
+
+bool qd_strcpy(char* dst, unsigned size, const std::string& src)
+{
+    return qd_strcpy(dst, size, src.data(), ClampLength(src.size()));
+}
+
+bool qd_strcat(char* dst, unsigned size, const char* src)
+{
+    return qd_strcat(dst, size, src, ClampLength(std::strlen(src)));
+}
+
+bool qd_strcat(char* dst, unsigned size, const char* src, unsigned len)
+{
+    const unsigned present = static_cast<unsigned>(std::strlen(dst));
+    return qd_strcpy(dst + present, size - present, src, len);
+}
+
+bool qd_sbccpy(char* dst, unsigned size, const char* src)
+{
+    return qd_sbccpy(dst, size, src, ClampLength(std::strlen(src)));
+}
+
+bool qd_sbccpy(char* dst, unsigned size, const char* src, unsigned len)
+{
+    const bool truncated = len >= size;
+    const unsigned kept = truncated ? size - 1 : len;
+    std::memcpy(dst, src, kept);
+    dst[kept] = '\0';
+    return truncated;
+}
+
+int qd_sprintf(char* dst, unsigned size, const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    const int result = qd_vsprintf(dst, size, format, args);
+    va_end(args);
+    return result;
+}
+
+int qd_vsprintf(char* dst, unsigned size, const char* format, va_list args)
+{
+    const int result = std::vsnprintf(dst, size, format, args);
+    if (result >= 0 && result < static_cast<int>(size))
+        return result;
+    if (result < 0 && errno == EILSEQ)
+        return QDFormatEncodingError;
+    dst[size - 1] = '\0';
+    return QDFormatTruncated;
+}
+
+int qd_sprintf_with_elipsis(char* dst, unsigned size, const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    const int result = qd_vsprintf_with_elipsis(dst, size, format, args);
+    va_end(args);
+    return result;
+}
+
+int qd_vsprintf_with_elipsis(char* dst, unsigned size, const char* format, va_list args)
+{
+    const int result = qd_vsprintf(dst, size, format, args);
+    if (result != QDFormatTruncated)
+        return result;
+    std::memcpy(dst + size - 4, "...", 4);
+    return static_cast<int>(size - 1);
+}
+
+int qd_sbcnprintf(char* dst, unsigned size, const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    const int result = qd_vsbcnprintf(dst, size, format, args);
+    va_end(args);
+    return result;
+}
+
+int qd_vsbcnprintf(char* dst, unsigned size, const char* format, va_list args)
+{
+    const int result = std::vsnprintf(dst, size, format, args);
+    if (result < 0)
+        return QDFormatEncodingError;
+    if (result < static_cast<int>(size))
+        return result;
+    dst[size - 1] = '\0';
+    return QDFormatTruncated;
+}
+
+int qd_decode_utf8(const uint8_t*& pStr, const uint8_t* pUtf8End)
+{
+    QD_ASSERT(pStr < pUtf8End);
+    return Utf8::Decode(pStr, pUtf8End);
+}
+
+unsigned qd_encode_utf8(int cp, uint8_t* out)
+{
+    return Utf8::Encode(cp, out);
+}
+
+int qd_decode_utf16(const uint16_t*& pStr, const uint16_t* pUtf16End)
+{
+    QD_ASSERT(pStr < pUtf16End);
+    return Utf16::Decode(pStr, pUtf16End);
+}
+
+unsigned qd_encode_utf16(int cp, uint16_t* out)
+{
+    return Utf16::Encode(cp, out);
+}
+
+int qd_codepoint_from_qdchar(const char*& p, const char* end)
+{
+    const uint8_t* bytes = AsUtf8(p);
+    const int cp = qd_decode_utf8(bytes, AsUtf8(end));
+    p = reinterpret_cast<const char*>(bytes);
+    return cp;
+}
+
+unsigned qd_qdchar_from_codepoint(int cp, char* out)
+{
+    return qd_encode_utf8(cp, AsUtf8(out));
+}
+
+unsigned qd_qdchar_from_utf32(int cp, char* dst, unsigned size)
+{
+    const uint32_t element = static_cast<uint32_t>(cp);
+    return qd_utf8_from_utf32(&element, 1, AsUtf8(dst), size);
+}
+
+unsigned qd_utf8len_of_codepoint(int cp)
+{
+    return Utf8::Length(cp);
+}
+
+unsigned qd_utf8charlen(const uint8_t* p)
+{
+    if (*p < 0x80)
+        return 1;
+    if ((*p & 0xE0) == 0xC0)
+        return 2;
+    return (*p & 0xF0) == 0xE0 ? 3 : 4;
+}
+
+unsigned qd_utf16charlen(const uint16_t* p)
+{
+    return IsHighSurrogate(*p) ? 2 : 1;
+}
+
+void qd_append_codepoint_to_qdstring(int cp, std::string& s)
+{
+    char encoded[4];
+    s.append(encoded, qd_qdchar_from_codepoint(cp, encoded));
+}
+
+void qd_append_line_terminator_to_qdstring(TextLineTermination t, std::string& s)
+{
+    switch (t) {
+    case LineTerminationCR: s += '\r'; break;
+    case LineTerminationLF: s += '\n'; break;
+    case LineTerminationCRLF: s += "\r\n"; break;
+    case LineTerminationNEL: qd_append_codepoint_to_qdstring(0x85, s); break;
+    case LineTerminationLS: qd_append_codepoint_to_qdstring(0x2028, s); break;
+    case LineTerminationPS: qd_append_codepoint_to_qdstring(0x2029, s); break;
+    }
+}
+
+bool CompareQDStringNoCase::operator()(const std::string& a, const std::string& b) const
+{
+    return ::strcasecmp(a.c_str(), b.c_str()) < 0;
+}
+
+unsigned qd_utf8_from_utf8(const uint8_t* src, unsigned srcLen, uint8_t* dst, unsigned dstSize)
+{
+    return Copy(src, srcLen, dst, dstSize);
+}
+
+unsigned qd_utf8_from_utf16(const uint16_t* src, unsigned srcLen, uint8_t* dst, unsigned dstSize)
+{
+    return Convert<Utf16, Utf8>(src, srcLen, dst, dstSize);
+}
+
+unsigned qd_utf8_from_utf32(const uint32_t* src, unsigned srcLen, uint8_t* dst, unsigned dstSize)
+{
+    return Convert<Utf32, Utf8>(src, srcLen, dst, dstSize);
+}
+
+unsigned qd_utf8_from_qdchar(const char* src, unsigned srcLen, uint8_t* dst, unsigned dstSize)
+{
+    return qd_utf8_from_utf8(AsUtf8(src), srcLen, dst, dstSize);
+}
+
+unsigned qd_utf16_from_utf8(const uint8_t* src, unsigned srcLen, uint16_t* dst, unsigned dstSize)
+{
+    return Convert<Utf8, Utf16>(src, srcLen, dst, dstSize);
+}
+
+unsigned qd_utf16_from_utf16(const uint16_t* src, unsigned srcLen, uint16_t* dst, unsigned dstSize)
+{
+    return Copy(src, srcLen, dst, dstSize);
+}
+
+unsigned qd_utf16_from_utf32(const uint32_t* src, unsigned srcLen, uint16_t* dst, unsigned dstSize)
+{
+    return Convert<Utf32, Utf16>(src, srcLen, dst, dstSize);
+}
+
+unsigned qd_utf16_from_qdchar(const char* src, unsigned srcLen, uint16_t* dst, unsigned dstSize)
+{
+    return qd_utf16_from_utf8(AsUtf8(src), srcLen, dst, dstSize);
+}
+
+unsigned qd_utf32_from_utf8(const uint8_t* src, unsigned srcLen, uint32_t* dst, unsigned dstSize)
+{
+    return Convert<Utf8, Utf32>(src, srcLen, dst, dstSize);
+}
+
+unsigned qd_utf32_from_utf16(const uint16_t* src, unsigned srcLen, uint32_t* dst, unsigned dstSize)
+{
+    return Convert<Utf16, Utf32>(src, srcLen, dst, dstSize);
+}
+
+unsigned qd_utf32_from_utf32(const uint32_t* src, unsigned srcLen, uint32_t* dst, unsigned dstSize)
+{
+    return Copy(src, srcLen, dst, dstSize);
+}
+
+unsigned qd_utf32_from_qdchar(const char* src, unsigned srcLen, uint32_t* dst, unsigned dstSize)
+{
+    return qd_utf32_from_utf8(AsUtf8(src), srcLen, dst, dstSize);
+}
+
+unsigned qd_qdchar_from_utf8(const uint8_t* src, unsigned srcLen, char* dst, unsigned dstSize)
+{
+    return qd_utf8_from_utf8(src, srcLen, AsUtf8(dst), dstSize);
+}
+
+unsigned qd_qdchar_from_utf16(const uint16_t* src, unsigned srcLen, char* dst, unsigned dstSize)
+{
+    return qd_utf8_from_utf16(src, srcLen, AsUtf8(dst), dstSize);
+}
+
+unsigned qd_qdchar_from_utf32(const uint32_t* src, unsigned srcLen, char* dst, unsigned dstSize)
+{
+    return qd_utf8_from_utf32(src, srcLen, AsUtf8(dst), dstSize);
+}
+
+unsigned qd_utf8len_of_utf16(const uint16_t* src, unsigned srcLen, unsigned maxLen)
+{
+    return Measure<Utf16, Utf8>(src, srcLen, maxLen);
+}
+
+unsigned qd_utf8len_of_utf32(const uint32_t* src, unsigned srcLen, unsigned maxLen)
+{
+    return Measure<Utf32, Utf8>(src, srcLen, maxLen);
+}
+
+unsigned qd_utf8len_of_qdchar(const char*, unsigned srcLen, unsigned maxLen)
+{
+    return std::min(srcLen, maxLen);
+}
+
+unsigned qd_utf16len_of_utf8(const uint8_t* src, unsigned srcLen, unsigned maxLen)
+{
+    return Measure<Utf8, Utf16>(src, srcLen, maxLen);
+}
+
+unsigned qd_utf16len_of_utf32(const uint32_t* src, unsigned srcLen, unsigned maxLen)
+{
+    return Measure<Utf32, Utf16>(src, srcLen, maxLen);
+}
+
+unsigned qd_utf16len_of_qdchar(const char* src, unsigned srcLen, unsigned maxLen)
+{
+    return qd_utf16len_of_utf8(AsUtf8(src), srcLen, maxLen);
+}
+
+unsigned qd_utf32len_of_utf8(const uint8_t* src, unsigned srcLen, unsigned maxLen)
+{
+    return Measure<Utf8, Utf32>(src, srcLen, maxLen);
+}
+
+unsigned qd_utf32len_of_utf16(const uint16_t* src, unsigned srcLen, unsigned maxLen)
+{
+    return Measure<Utf16, Utf32>(src, srcLen, maxLen);
+}
+
+unsigned qd_utf32len_of_wchar(const char* src, unsigned srcLen, unsigned maxLen)
+{
+    return qd_utf32len_of_utf8(AsUtf8(src), srcLen, maxLen);
+}
+
+unsigned qd_strlen_of_utf8(const uint8_t*, unsigned srcLen, unsigned maxLen)
+{
+    return std::min(srcLen, maxLen);
+}
+
+unsigned qd_strlen_of_utf16(const uint16_t* src, unsigned srcLen, unsigned maxLen)
+{
+    return qd_utf8len_of_utf16(src, srcLen, maxLen);
+}
+
+unsigned qd_strlen_of_utf32(const uint32_t* src, unsigned srcLen, unsigned maxLen)
+{
+    return qd_utf8len_of_utf32(src, srcLen, maxLen);
+}
