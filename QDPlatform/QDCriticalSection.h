@@ -1,5 +1,7 @@
 #pragma once
 
+// A recursive mutex, and the marks by which Clang checks that it is held where it must be.
+
 #include <QDPlatform/QDExport.h>
 
 #include <pthread.h>

@@ -335,6 +335,7 @@ int CQDTcpServer::AcceptConnection(int listenSocket, TcpServerLinkCreateContext&
         return -1;
     }
     m_AcceptFailureLogged = false;
+    OpenSpareDescriptor(); // the last try may have failed
     if (connection.Get() >= FD_SETSIZE) {
         PrintSocketError(EMFILE, "accept");
         return -1;

@@ -1,5 +1,7 @@
 #pragma once
 
+// One connection of a TCP server, with the codes and records that it shares with the server.
+
 #include <QDPlatform/QDExport.h>
 #include <QDPlatform/QDRefCount.h>
 #include <QDPlatform/QDTimestamp.h>

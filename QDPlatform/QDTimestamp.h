@@ -99,8 +99,9 @@ public:
     void GetTimestampStruct(TimestampStruct& out) const;
     static void GetTimestampStruct(long long ticks, TimestampStruct& out);
 
-    // Move the timestamp to the next, or back to the last, multiple of `step` since 1601; a multiple stays. A step that
-    // is not positive changes nothing. Rounding up beyond the largest value wraps.
+    // Move the timestamp to the next, or back to the last, multiple of `step` since 1601; a multiple stays. Meant for
+    // values from 0 on: the divisions truncate toward zero. A step that is not positive changes nothing. When the value
+    // and the step add up to more than 64 bits hold, RoundUp() wraps.
     void RoundUp(const CQDTimeInterval& step);
     void RoundDown(const CQDTimeInterval& step);
 
