@@ -56,14 +56,17 @@ void QDCommandPipe::Close()
 {
     if (!m_ReadEnd.IsOpen())
         return;
-    // A sender may hold the lock while it waits for room that the ended loop will never make. Emptying the pipe lets it
-    // finish, and m_Closing keeps the next ones from filling the pipe again.
-    m_Closing.store(true);
-    Drain(m_ReadEnd.Get());
+    EndReceiving(); // a sender that waits for room holds the lock
     const QDCriticalSectionGuard guard(m_Lock);
     m_WriteEnd.Reset();
     m_ReadEnd.Reset();
-    m_Closing.store(false);
+}
+
+void QDCommandPipe::EndReceiving()
+{
+    // In this order: whoever began to wait before the change finds room, and nobody begins after it.
+    ::fcntl(m_WriteEnd.Get(), F_SETFL, O_NONBLOCK);
+    Drain(m_ReadEnd.Get());
 }
 
 bool QDCommandPipe::Send(unsigned char command)
@@ -71,7 +74,7 @@ bool QDCommandPipe::Send(unsigned char command)
     // Held during the write, so that the descriptor cannot be closed, and its number used for something else,
     // meanwhile.
     const QDCriticalSectionGuard guard(m_Lock);
-    if (!m_WriteEnd.IsOpen() || m_Closing.load())
+    if (!m_WriteEnd.IsOpen())
         return false;
     while (true) {
         const ssize_t written = ::write(m_WriteEnd.Get(), &command, 1);

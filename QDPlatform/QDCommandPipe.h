@@ -3,8 +3,6 @@
 #include <QDPlatform/QDCriticalSection.h>
 #include <QDPlatform/QDUniqueFd.h>
 
-#include <atomic>
-
 // The pipe through which other threads steer a select loop: one byte is one command.
 //
 // Both ends are close-on-exec and below FD_SETSIZE.
@@ -29,6 +27,10 @@ public:
     // Closes both ends; unread commands are dropped. Does nothing when the pipe is not open.
     void Close();
 
+    // For the loop's thread when it takes no more commands: a full pipe refuses from now on, and a sender that waits
+    // for room goes on.
+    void EndReceiving();
+
     // Returns whether the command went into the pipe: false when it is closed, or full and refusing.
     bool Send(unsigned char command);
 
@@ -40,8 +42,7 @@ public:
 
 private:
     const WhenFull m_WhenFull;
-    QDUniqueFd m_ReadEnd; // set before the loop's thread starts, closed after it ended
-    CQDCriticalSection m_Lock;
-    QDUniqueFd m_WriteEnd QD_GUARDED_BY(m_Lock);
-    std::atomic<bool> m_Closing{false};
+    CQDCriticalSection m_Lock; // held during a write, and while the write end is opened or closed
+    QDUniqueFd m_ReadEnd;      // set before the loop's thread starts, closed after it ended
+    QDUniqueFd m_WriteEnd;     // likewise; senders look at it under m_Lock
 };

@@ -153,7 +153,6 @@ int QDSocket::QDGetAddrInfo(const std::string& host, const std::string& service,
     const std::string hostText = Utf8Text(host.empty() ? "localhost" : host);
     const std::string serviceText = Utf8Text(service);
     errorText.clear();
-    *result = nullptr;
     const int code = ::getaddrinfo(hostText.c_str(), serviceText.c_str(), hints, result);
     if (code == 0)
         return 0;

@@ -181,6 +181,7 @@ void CQDSocketThread::ThreadMain()
     OnSocketThreadStart();
     while (RunOnePass()) {
     }
+    m_pPipe->EndReceiving();
     OnSocketThreadExit();
     PrintLog("Listen thread exiting");
 }

@@ -5,7 +5,9 @@
 #include <strings.h>
 
 #include <algorithm>
+#include <bit>
 #include <cerrno>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <limits>
@@ -41,6 +43,11 @@ constexpr bool IsLowSurrogate(unsigned unit)
     return (unit & 0xFC00) == 0xDC00;
 }
 
+constexpr int IsPair(unsigned first, unsigned second)
+{
+    return static_cast<int>(IsHighSurrogate(first)) & static_cast<int>(IsLowSurrogate(second));
+}
+
 // The encodings, each with what a run needs: its unit, and how to take, measure and put one code point.
 struct Utf8
 {
@@ -52,38 +59,6 @@ struct Utf8
         const unsigned lead = *p++;
         if (lead < 0x80)
             return static_cast<int>(lead);
-        if (end - p < 3)
-            return DecodeRest(lead, p, end);
-        // A well-formed sequence in one go: a continuation byte without its top bit is below 0x40, and no other is.
-        const unsigned first = p[0] ^ 0x80u;
-        if (lead < 0xE0) {
-            if (lead >= 0xC2 && first < 0x40) {
-                p += 1;
-                return static_cast<int>((lead & 0x1F) << 6 | first);
-            }
-            return DecodeRest(lead, p, end);
-        }
-        const unsigned second = p[1] ^ 0x80u;
-        if (lead < 0xF0) {
-            const unsigned value = (lead & 0x0F) << 12 | first << 6 | second;
-            if ((first | second) < 0x40 && value >= 0x800 && (value & 0xF800) != 0xD800) {
-                p += 2;
-                return static_cast<int>(value);
-            }
-            return DecodeRest(lead, p, end);
-        }
-        const unsigned third = p[2] ^ 0x80u;
-        const unsigned value = (lead & 0x0F) << 18 | first << 12 | second << 6 | third;
-        if ((first | second | third) < 0x40 && value >= 0x10000 && value < 0x110000) {
-            p += 3;
-            return static_cast<int>(value);
-        }
-        return DecodeRest(lead, p, end);
-    }
-
-    // The rules for every sequence, byte by byte; `lead` is consumed already.
-    static int DecodeRest(unsigned lead, const Unit*& p, const Unit* end)
-    {
         if (lead < 0xC2 || lead > 0xF4)
             return kReplacement;
         const unsigned continuations = lead < 0xE0 ? 1 : lead < 0xF0 ? 2 : 3;
@@ -173,37 +148,17 @@ struct Utf32
     }
 };
 
-// A machine word of units, every one of them below 0x80.
-template<class Unit>
-bool IsAsciiWord(const Unit* src)
-{
-    constexpr size_t kAllUnits = static_cast<size_t>(-1) / std::numeric_limits<Unit>::max();
-    size_t word;
-    std::memcpy(&word, src, sizeof word);
-    return (word & ~(kAllUnits * 0x7F)) == 0;
-}
+// Run conversions. RunByCodePoint is the rule; what stands in front of its calls below are loops for long runs that
+// come to the same result while both ends are far enough away. Stores may run ahead of the count of written units, but
+// only where later units certainly overwrite them.
 
 template<class From, class To, bool Writes>
-unsigned Run(const typename From::Unit* src, unsigned srcLen, typename To::Unit* dst, unsigned dstSize)
+unsigned RunByCodePoint(const typename From::Unit* src, const typename From::Unit* end, typename To::Unit* dst,
+                        size_t written, size_t dstSize)
 {
-    constexpr unsigned kWordUnits = sizeof(size_t) / sizeof *src;
-    const auto* const end = src + srcLen;
-    unsigned written = 0;
     while (src < end) {
-        if (kWordUnits > 1 && *src < 0x80) {
-            while (end - src >= kWordUnits && dstSize - written >= kWordUnits && IsAsciiWord(src)) {
-                if constexpr (Writes) {
-                    for (unsigned i = 0; i < kWordUnits; ++i)
-                        dst[written + i] = static_cast<typename To::Unit>(src[i]);
-                }
-                src += kWordUnits;
-                written += kWordUnits;
-            }
-            if (src == end)
-                break;
-        }
         const int cp = From::Decode(src, end);
-        const unsigned room = dstSize - written;
+        const size_t room = dstSize - written;
         if (room < To::kMaxUnits && room < To::Length(cp))
             break;
         if constexpr (Writes)
@@ -211,19 +166,290 @@ unsigned Run(const typename From::Unit* src, unsigned srcLen, typename To::Unit*
         else
             written += To::Length(cp);
     }
-    return written;
+    return static_cast<unsigned>(written);
 }
 
 template<class From, class To>
 unsigned Convert(const typename From::Unit* src, unsigned srcLen, typename To::Unit* dst, unsigned dstSize)
 {
-    return Run<From, To, true>(src, srcLen, dst, dstSize);
+    return RunByCodePoint<From, To, true>(src, src + srcLen, dst, 0, dstSize);
 }
 
 template<class From, class To>
 unsigned Measure(const typename From::Unit* src, unsigned srcLen, unsigned maxLen)
 {
-    return Run<From, To, false>(src, srcLen, nullptr, maxLen);
+    return RunByCodePoint<From, To, false>(src, src + srcLen, nullptr, 0, maxLen);
+}
+
+constexpr bool kLittleEndian = std::endian::native == std::endian::little;
+constexpr ptrdiff_t kWordBytes = sizeof(size_t);
+constexpr ptrdiff_t kBlock = 16; // units that are looked at together
+
+// A machine word with `value` in each of its units.
+template<class Unit>
+constexpr size_t InEachUnit(size_t value)
+{
+    return std::numeric_limits<size_t>::max() / std::numeric_limits<Unit>::max() * value;
+}
+
+constexpr size_t kTopBits = InEachUnit<uint8_t>(0x80);
+
+size_t LoadWord(const void* p)
+{
+    size_t word;
+    std::memcpy(&word, p, sizeof word);
+    return word;
+}
+
+template<class Unit>
+bool IsAsciiBlock(const Unit* src)
+{
+    size_t bits = 0;
+    for (ptrdiff_t i = 0; i < kBlock; i += kWordBytes / ptrdiff_t{sizeof *src})
+        bits |= LoadWord(src + i);
+    return (bits & ~InEachUnit<Unit>(0x7F)) == 0;
+}
+
+template<ptrdiff_t Count, class From, class To>
+void CopyUnits(const From* src, To* dst)
+{
+    for (ptrdiff_t i = 0; i < Count; ++i)
+        dst[i] = static_cast<To>(src[i]);
+}
+
+// A sequence as one number with its lead lowest, in any byte order.
+uint32_t LoadFour(const uint8_t* p)
+{
+    return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16 |
+           static_cast<uint32_t>(p[3]) << 24;
+}
+
+// Whether a well-formed sequence of that length starts at `p`, or `bytes`, whose code point then is `value`.
+bool IsTwoBytes(const uint8_t* p)
+{
+    return p[0] >= 0xC2 && p[0] < 0xE0 && IsContinuation(p[1]);
+}
+
+bool IsThreeBytes(uint32_t bytes, uint32_t& value)
+{
+    value = (bytes & 0x0F) << 12 | (bytes >> 2 & 0xFC0) | (bytes >> 16 & 0x3F);
+    return (bytes & 0xC0C0F0) == 0x8080E0 && value >= 0x800 && (value & 0xF800) != 0xD800;
+}
+
+bool IsFourBytes(uint32_t bytes, uint32_t& value)
+{
+    value = (bytes & 0x07) << 18 | (bytes << 4 & 0x3F000) | (bytes >> 10 & 0xFC0) | (bytes >> 24 & 0x3F);
+    return (bytes & 0xC0C0C0F8) == 0x808080F0 && value >= 0x10000 && value < 0x110000;
+}
+
+// Utf8::Decode where four bytes can be read.
+int DecodeInside(const uint8_t*& p, const uint8_t* end)
+{
+    const uint32_t bytes = LoadFour(p);
+    uint32_t value = 0;
+    if (p[0] < 0xE0) {
+        if (IsTwoBytes(p)) {
+            p += 2;
+            return static_cast<int>((bytes & 0x1F) << 6 | (bytes >> 8 & 0x3F));
+        }
+    } else if (p[0] < 0xF0) {
+        if (IsThreeBytes(bytes, value)) {
+            p += 3;
+            return static_cast<int>(value);
+        }
+    } else if (IsFourBytes(bytes, value)) {
+        p += 4;
+        return static_cast<int>(value);
+    }
+    return Utf8::Decode(p, end);
+}
+
+// Widens the ASCII at `src`, one byte or more, and returns how many bytes. A word that is ASCII in its first bytes only
+// is stored whole if three more words follow: they make, at four bytes a unit or fewer, all the units stored too much.
+template<class Unit>
+ptrdiff_t WidenAscii(const uint8_t* src, ptrdiff_t left, Unit* dst, ptrdiff_t room)
+{
+    ptrdiff_t done = 0;
+    while (left - done >= kWordBytes && room - done > kWordBytes) {
+        const size_t others = LoadWord(src + done) & kTopBits;
+        if (others != 0 && left - done < 4 * kWordBytes)
+            break;
+        CopyUnits<kWordBytes>(src + done, dst + done);
+        if (others != 0)
+            return done + (kLittleEndian ? std::countr_zero(others) : std::countl_zero(others)) / 8;
+        done += kWordBytes;
+    }
+    if (done == 0)
+        dst[done++] = src[0];
+    return done;
+}
+
+template<class To>
+unsigned ConvertUtf8(const uint8_t* src, unsigned srcLen, typename To::Unit* dst, size_t dstSize)
+{
+    const uint8_t* const end = src + srcLen;
+    size_t written = 0;
+    uint32_t value = 0;
+    const auto isInside = [&] { return end - src >= 4 && dstSize - written >= To::kMaxUnits; };
+    while (isInside()) {
+        if (src[0] < 0x80 && src[1] >= 0x80) {
+            dst[written++] = *src++;
+        } else if (src[0] < 0x80) {
+            const ptrdiff_t count =
+                WidenAscii(src, end - src, dst + written, static_cast<ptrdiff_t>(dstSize - written));
+            src += count;
+            written += static_cast<size_t>(count);
+        } else if (IsTwoBytes(src)) {
+            do {
+                dst[written++] = static_cast<typename To::Unit>((src[0] & 0x1F) << 6 | (src[1] & 0x3F));
+                src += 2;
+            } while (src[0] >= 0x80 && isInside() && IsTwoBytes(src));
+        } else if (IsThreeBytes(LoadFour(src), value)) {
+            do {
+                dst[written++] = static_cast<typename To::Unit>(value);
+                src += 3;
+            } while (isInside() && IsThreeBytes(LoadFour(src), value));
+        } else if (IsFourBytes(LoadFour(src), value)) {
+            do {
+                written += To::Encode(static_cast<int>(value), dst + written);
+                src += 4;
+            } while (isInside() && IsFourBytes(LoadFour(src), value));
+        } else {
+            written += To::Encode(Utf8::Decode(src, end), dst + written);
+        }
+    }
+    return RunByCodePoint<Utf8, To, true>(src, end, dst, written, dstSize);
+}
+
+// How many code points start in the block at `src`, or 0 when it may not be simply counted: for a sequence of four
+// bytes or one that is broken. An overlong sequence of three bytes and a surrogate count one, as their U+FFFD does.
+// Reads two bytes more than the block.
+size_t CountInBlock(const uint8_t* src)
+{
+    size_t wrong = 0; // only the top bit of each byte counts
+    size_t continuations = 0;
+    for (ptrdiff_t i = 0; i < kBlock; i += kWordBytes) {
+        const size_t bytes = LoadWord(src + i);
+        const size_t next = LoadWord(src + i + 1);
+        const size_t afterNext = LoadWord(src + i + 2);
+        const size_t leads = bytes & bytes << 1;
+        const size_t longLeads = leads & bytes << 2;
+        const size_t isNotC0C1 = (bytes & InEachUnit<uint8_t>(0x1E)) + InEachUnit<uint8_t>(0x7E);
+        wrong |= (afterNext & ~(afterNext << 1)) ^ ((next & next << 1) | longLeads);
+        wrong |= leads & ~longLeads & ~isNotC0C1;
+        wrong |= longLeads & bytes << 3;
+        continuations += (bytes & ~(bytes << 1) & kTopBits) >> 7;
+    }
+    if ((wrong & kTopBits) != 0 || IsContinuation(src[0]) || (src[0] >= 0xC0) != IsContinuation(src[1]))
+        return 0;
+    constexpr int kTopByte = std::numeric_limits<size_t>::digits - 8;
+    return kBlock - (continuations * InEachUnit<uint8_t>(1) >> kTopByte);
+}
+
+template<class To>
+unsigned MeasureUtf8(const uint8_t* src, unsigned srcLen, size_t maxLen)
+{
+    constexpr ptrdiff_t kAfterFailure = 4 * kBlock; // text that is not plain here is not plain nearby
+    const uint8_t* const end = src + srcLen;
+    size_t length = 0;
+    while (end - src >= kBlock + 3 && maxLen - length > kBlock) {
+        if (IsAsciiBlock(src)) {
+            length += kBlock;
+            src += kBlock;
+        } else if (const size_t count = CountInBlock(src); count != 0) {
+            length += count;
+            src += kBlock;
+            for (int i = 0; i < 2 && IsContinuation(*src); ++i)
+                ++src; // the rest of the last one
+        } else {
+            const uint8_t* const stop = src + std::min(kAfterFailure, end - src - 3);
+            do
+                length += To::Length(DecodeInside(src, end));
+            while (src < stop && maxLen - length >= To::kMaxUnits);
+        }
+    }
+    return RunByCodePoint<Utf8, To, false>(src, end, nullptr, length, maxLen);
+}
+
+// Writes the units of a word that are all below 0x800, without a branch: each as a pair of bytes, the second of which
+// is overwritten by the next unit where one is enough. Little-endian machines only.
+uint8_t* PutNarrowWord(size_t units, uint8_t* out)
+{
+    const size_t isPair = (units + InEachUnit<uint16_t>(0x7F80)) >> 15 & InEachUnit<uint16_t>(1);
+    const size_t pairMask = (isPair << 16) - isPair;
+    const size_t pairs = (units >> 6 & InEachUnit<uint16_t>(0x1F)) | (units & InEachUnit<uint16_t>(0x3F)) << 8 |
+                         InEachUnit<uint16_t>(0x80C0);
+    const size_t bytes = (pairs & pairMask) | (units & ~pairMask);
+    const size_t ends = isPair * InEachUnit<uint16_t>(1) + static_cast<size_t>(0x0004000300020001);
+    size_t start = 0;
+    for (int shift = 0; shift < std::numeric_limits<size_t>::digits; shift += 16) {
+        const uint16_t pair = static_cast<uint16_t>(bytes >> shift);
+        std::memcpy(out + start, &pair, sizeof pair);
+        start = ends >> shift & 0xFF;
+    }
+    return out + start;
+}
+
+unsigned ConvertUtf16ToUtf8(const uint16_t* src, unsigned srcLen, uint8_t* dst, unsigned dstSize)
+{
+    constexpr ptrdiff_t kWordUnits = kWordBytes / 2;
+    const uint16_t* const end = src + srcLen;
+    uint8_t* out = dst;
+    const uint8_t* const outEnd = dst + dstSize;
+    // One unit more than a word, so that a pair is never cut and the last stored byte is always overwritten.
+    while (end - src > kWordUnits && outEnd - out >= 4 * kWordUnits) {
+        const size_t units = LoadWord(src);
+        if ((units & ~InEachUnit<uint16_t>(0x7F)) == 0 && end - src >= kBlock && outEnd - out >= kBlock &&
+            IsAsciiBlock(src)) {
+            CopyUnits<kBlock>(src, out);
+            src += kBlock;
+            out += kBlock;
+        } else if (kLittleEndian && (units & ~InEachUnit<uint16_t>(0x7FF)) == 0) {
+            out = PutNarrowWord(units, out);
+            src += kWordUnits;
+        } else {
+            const uint16_t* const stop = src + kWordUnits;
+            do {
+                // Most text here has three bytes a unit: told apart by one comparison.
+                if (const int unit = *src; unit >= 0x800 && unit < 0xD800) {
+                    out += Utf8::Encode(unit, out);
+                    ++src;
+                } else {
+                    out += Utf8::Encode(Utf16::Decode(src, end), out);
+                }
+            } while (src < stop);
+        }
+    }
+    return RunByCodePoint<Utf16, Utf8, true>(src, end, dst, static_cast<size_t>(out - dst), dstSize);
+}
+
+// Adds up what each unit takes by itself and subtracts 2 for each pair, which takes 4 bytes and not 3 and 3. No branch
+// depends on the text.
+unsigned MeasureUtf16AsUtf8(const uint16_t* src, unsigned srcLen, unsigned maxLen)
+{
+    constexpr ptrdiff_t kPart = 64;
+    const uint16_t* const end = src + srcLen;
+    size_t length = 0;
+    while (src < end) {
+        if (end - src >= kBlock && maxLen - length >= kBlock && IsAsciiBlock(src)) {
+            length += kBlock;
+            src += kBlock;
+            continue;
+        }
+        ptrdiff_t count = std::min(kPart, end - src);
+        if (count < end - src && IsHighSurrogate(src[count - 1]))
+            --count;
+        uint16_t bytes = 0;
+        for (ptrdiff_t i = 0; i < count; ++i)
+            bytes = static_cast<uint16_t>(bytes + 1 + (src[i] >= 0x80) + (src[i] >= 0x800));
+        for (ptrdiff_t i = 1; i < count; ++i)
+            bytes = static_cast<uint16_t>(bytes - 2 * IsPair(src[i - 1], src[i]));
+        if (bytes > maxLen - length)
+            break;
+        length += bytes;
+        src += count;
+    }
+    return RunByCodePoint<Utf16, Utf8, false>(src, end, nullptr, length, maxLen);
 }
 
 template<class Unit>
@@ -441,7 +667,7 @@ unsigned qd_utf8_from_utf8(const uint8_t* src, unsigned srcLen, uint8_t* dst, un
 
 unsigned qd_utf8_from_utf16(const uint16_t* src, unsigned srcLen, uint8_t* dst, unsigned dstSize)
 {
-    return Convert<Utf16, Utf8>(src, srcLen, dst, dstSize);
+    return ConvertUtf16ToUtf8(src, srcLen, dst, dstSize);
 }
 
 unsigned qd_utf8_from_utf32(const uint32_t* src, unsigned srcLen, uint8_t* dst, unsigned dstSize)
@@ -456,7 +682,7 @@ unsigned qd_utf8_from_qdchar(const char* src, unsigned srcLen, uint8_t* dst, uns
 
 unsigned qd_utf16_from_utf8(const uint8_t* src, unsigned srcLen, uint16_t* dst, unsigned dstSize)
 {
-    return Convert<Utf8, Utf16>(src, srcLen, dst, dstSize);
+    return ConvertUtf8<Utf16>(src, srcLen, dst, dstSize);
 }
 
 unsigned qd_utf16_from_utf16(const uint16_t* src, unsigned srcLen, uint16_t* dst, unsigned dstSize)
@@ -476,7 +702,7 @@ unsigned qd_utf16_from_qdchar(const char* src, unsigned srcLen, uint16_t* dst, u
 
 unsigned qd_utf32_from_utf8(const uint8_t* src, unsigned srcLen, uint32_t* dst, unsigned dstSize)
 {
-    return Convert<Utf8, Utf32>(src, srcLen, dst, dstSize);
+    return ConvertUtf8<Utf32>(src, srcLen, dst, dstSize);
 }
 
 unsigned qd_utf32_from_utf16(const uint16_t* src, unsigned srcLen, uint32_t* dst, unsigned dstSize)
@@ -511,7 +737,7 @@ unsigned qd_qdchar_from_utf32(const uint32_t* src, unsigned srcLen, char* dst, u
 
 unsigned qd_utf8len_of_utf16(const uint16_t* src, unsigned srcLen, unsigned maxLen)
 {
-    return Measure<Utf16, Utf8>(src, srcLen, maxLen);
+    return MeasureUtf16AsUtf8(src, srcLen, maxLen);
 }
 
 unsigned qd_utf8len_of_utf32(const uint32_t* src, unsigned srcLen, unsigned maxLen)
@@ -526,7 +752,7 @@ unsigned qd_utf8len_of_qdchar(const char*, unsigned srcLen, unsigned maxLen)
 
 unsigned qd_utf16len_of_utf8(const uint8_t* src, unsigned srcLen, unsigned maxLen)
 {
-    return Measure<Utf8, Utf16>(src, srcLen, maxLen);
+    return MeasureUtf8<Utf16>(src, srcLen, maxLen);
 }
 
 unsigned qd_utf16len_of_utf32(const uint32_t* src, unsigned srcLen, unsigned maxLen)
@@ -541,7 +767,7 @@ unsigned qd_utf16len_of_qdchar(const char* src, unsigned srcLen, unsigned maxLen
 
 unsigned qd_utf32len_of_utf8(const uint8_t* src, unsigned srcLen, unsigned maxLen)
 {
-    return Measure<Utf8, Utf32>(src, srcLen, maxLen);
+    return MeasureUtf8<Utf32>(src, srcLen, maxLen);
 }
 
 unsigned qd_utf32len_of_utf16(const uint16_t* src, unsigned srcLen, unsigned maxLen)

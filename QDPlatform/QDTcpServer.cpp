@@ -64,11 +64,18 @@ CQDTcpServer::CQDTcpServer(COutputLog* log, const char* name, unsigned short por
     m_LogPrefixLength = static_cast<unsigned int>(std::strlen(m_LogPrefix));
 }
 
-CQDTcpServer::~CQDTcpServer() = default;
+CQDTcpServer::~CQDTcpServer()
+{
+    CloseSpareDescriptor();
+}
 
 bool CQDTcpServer::StartTcpServer()
 {
-    return StartSocketThread();
+    if (StartSocketThread())
+        return true;
+    if (!IsSocketServerRunning())
+        CloseSpareDescriptor();
+    return false;
 }
 
 void CQDTcpServer::StopTcpServer()
@@ -136,6 +143,7 @@ void CQDTcpServer::CloseAllLinks()
     for (const auto& [linkId, entry] : links)
         entry.m_pLink->Release();
     StopTcpThreads();
+    ReleaseLinksWithoutWorker();
 }
 
 unsigned int CQDTcpServer::GetLinkCount()
@@ -242,8 +250,7 @@ void CQDTcpServer::OnSocketThreadExit()
 
 void CQDTcpServer::OnSocketThreadStopped()
 {
-    if (m_SpareDescriptor >= 0)
-        ::close(std::exchange(m_SpareDescriptor, -1));
+    CloseSpareDescriptor();
     std::map<unsigned int, LinkEntry> links;
     {
         const QDCriticalSectionGuard guard(m_Lock);
@@ -354,8 +361,7 @@ void CQDTcpServer::OnAcceptFailed(int listenSocket, int error)
     if (!m_AcceptFailureLogged)
         PrintSocketError(error, "accept");
     m_AcceptFailureLogged = true;
-    if (m_SpareDescriptor >= 0)
-        ::close(std::exchange(m_SpareDescriptor, -1));
+    CloseSpareDescriptor();
     QDUniqueFd caller(::accept4(listenSocket, nullptr, nullptr, SOCK_CLOEXEC));
     const bool refused = caller.IsOpen();
     caller.Reset();
@@ -368,6 +374,12 @@ void CQDTcpServer::OpenSpareDescriptor()
 {
     if (m_SpareDescriptor < 0)
         m_SpareDescriptor = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+}
+
+void CQDTcpServer::CloseSpareDescriptor()
+{
+    if (m_SpareDescriptor >= 0)
+        ::close(std::exchange(m_SpareDescriptor, -1));
 }
 
 // The numbers start again after 2^32 links; those still in use, and 0, are left out.
@@ -436,6 +448,25 @@ void CQDTcpServer::ForgetThread(const CQDTcpServerThread* thread)
         if (entry.m_pThread == thread)
             entry.m_pThread = nullptr;
     }
+}
+
+// Takes leave of links that came while the workers were being stopped: theirs has closed them.
+void CQDTcpServer::ReleaseLinksWithoutWorker()
+{
+    std::vector<CQDTcpServerLink*> links;
+    {
+        const QDCriticalSectionGuard guard(m_Lock);
+        for (auto entry = m_Links.begin(); entry != m_Links.end();) {
+            if (entry->second.m_pThread != nullptr) {
+                ++entry;
+                continue;
+            }
+            links.push_back(entry->second.m_pLink);
+            entry = m_Links.erase(entry);
+        }
+    }
+    for (CQDTcpServerLink* link : links)
+        link->Release();
 }
 
 void CQDTcpServer::RemoveLinkById(unsigned int linkId)

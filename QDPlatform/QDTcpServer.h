@@ -124,11 +124,13 @@ private:
     int AcceptConnection(int listenSocket, TcpServerLinkCreateContext& context);
     void OnAcceptFailed(int listenSocket, int error);
     void OpenSpareDescriptor();
+    void CloseSpareDescriptor();
     unsigned int TakeNextLinkId();
     bool PlaceLink(CQDTcpServerLink* link);
     CQDTcpServerThread* FindThreadWithSpareCapacity() QD_REQUIRES(m_ThreadsLock);
     CQDTcpServerThread* StartNewThread() QD_REQUIRES(m_ThreadsLock);
     void ForgetThread(const CQDTcpServerThread* thread);
+    void ReleaseLinksWithoutWorker();
     void RemoveLinkById(unsigned int linkId);
 
     char m_ServerName[32];

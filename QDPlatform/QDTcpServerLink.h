@@ -87,7 +87,8 @@ protected:
     // Data can be read, or the peer has closed: read with ReadData().
     virtual LinkCallbackResult OnRxData() = 0;
 
-    // Data can be written, in write mode only: go on writing, then DisableWriteMode().
+    // Data can be written: go on writing, then DisableWriteMode(). Called in write mode only, though once more after an
+    // OnRxData() of the same pass has left it.
     virtual LinkCallbackResult OnTxComplete() = 0;
 
     // The time-out has passed; `now` is UTC. Set a new one or switch it off. Returns success by default.

@@ -158,6 +158,7 @@ void CQDThread::ThreadMain()
         else
             keepRunning = result > 0 && ProcessCommand(); // no retry, not even after EINTR
     }
+    m_pPipe->EndReceiving();
     OnThreadStop();
 }
 

@@ -13,7 +13,7 @@ public:
     QDUniqueFd() = default;
 
     // Takes ownership; a negative value means none.
-    explicit QDUniqueFd(int fd) : m_Fd(fd) {}
+    explicit QDUniqueFd(int fd) : m_Fd(fd < 0 ? -1 : fd) {}
 
     QDUniqueFd(QDUniqueFd&& other) noexcept : m_Fd(other.Release()) {}
 

@@ -120,7 +120,7 @@ struct Connection
     QDSocket m_Socket;
 };
 
-// Leaves the object closed, with a last error that no operation on a closed object gives.
+// Gives the object a last error that nothing else in these tests gives, and leaves its socket alone.
 void FailWithProtocolError(QDSocket& socket)
 {
     ASSERT_FALSE(socket.CreateSocket(AF_INET, SOCK_STREAM, IPPROTO_UDP));

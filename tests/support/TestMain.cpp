@@ -52,5 +52,7 @@ int main(int argc, char** argv)
     // Re-executing the program for a death test is the one way that is safe beside threads.
     testing::GTEST_FLAG(death_test_style) = "threadsafe";
     testing::UnitTest::GetInstance()->listeners().Append(new LeakGuard);
+    // A sanitizer may start a thread of its own beside the first one; it must be there before the guard counts.
+    std::thread([] {}).join();
     return RUN_ALL_TESTS();
 }

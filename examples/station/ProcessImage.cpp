@@ -1,0 +1,103 @@
+#include "ProcessImage.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace
+{
+
+constexpr uint32_t kRecentSeconds = 10 * 60;
+
+// Copies as many items as `values` has room for, from address `first` on; false when the table does not have them all.
+template<class Value>
+bool CopyFromTable(std::span<const Value> table, std::size_t first, std::span<Value> values)
+{
+    if (first > table.size() || values.size() > table.size() - first)
+        return false;
+    std::ranges::copy(table.subspan(first, values.size()), values.begin());
+    return true;
+}
+
+template<class Value>
+bool CopyIntoTable(std::span<Value> table, std::size_t first, std::span<const Value> values)
+{
+    if (first > table.size() || values.size() > table.size() - first)
+        return false;
+    std::ranges::copy(values, table.begin() + static_cast<std::ptrdiff_t>(first));
+    return true;
+}
+
+std::array<bool, ProcessImage::kDiscreteInputCount> DiscreteInputsOf(const HostFigures& figures)
+{
+    CQDTimestamp::TimestampStruct clock;
+    figures.m_Time.GetTimestampStruct(clock);
+    std::array<bool, ProcessImage::kDiscreteInputCount> inputs{};
+    inputs[ProcessImage::InputHeartbeat] = clock.m_Second % 2 == 1;
+    inputs[ProcessImage::InputLoadIsHigh] = figures.m_Load1Minute > figures.m_ProcessorCount * 100;
+    inputs[ProcessImage::InputMemoryIsLow] = figures.m_FreeMemoryKiB < figures.m_TotalMemoryKiB / 16;
+    inputs[ProcessImage::InputHostStartedRecently] = figures.m_UptimeSeconds < kRecentSeconds;
+    return inputs;
+}
+
+std::array<uint16_t, ProcessImage::kInputRegisterCount> InputRegistersOf(const HostFigures& figures)
+{
+    CQDTimestamp::TimestampStruct clock;
+    figures.m_Time.GetTimestampStruct(clock);
+    std::array<uint16_t, ProcessImage::kInputRegisterCount> registers{};
+    const auto set = [&](std::size_t address, uint32_t value) { registers[address] = static_cast<uint16_t>(value); };
+    const auto setLong = [&](std::size_t address, uint32_t value) {
+        set(address, value >> 16);
+        set(address + 1, value & 0xFFFF);
+    };
+    setLong(ProcessImage::InputUptimeSeconds, figures.m_UptimeSeconds);
+    set(ProcessImage::InputLoad1Minute, figures.m_Load1Minute);
+    set(ProcessImage::InputLoad5Minutes, figures.m_Load5Minutes);
+    set(ProcessImage::InputLoad15Minutes, figures.m_Load15Minutes);
+    setLong(ProcessImage::InputFreeMemoryKiB, figures.m_FreeMemoryKiB);
+    set(ProcessImage::InputClockYear, clock.m_Year);
+    set(ProcessImage::InputClockMonth, clock.m_Month);
+    set(ProcessImage::InputClockDay, clock.m_Day);
+    set(ProcessImage::InputClockHour, clock.m_Hour);
+    set(ProcessImage::InputClockMinute, clock.m_Minute);
+    set(ProcessImage::InputClockSecond, clock.m_Second);
+    set(ProcessImage::InputClockMillisecond, clock.m_Millisecond);
+    return registers;
+}
+
+} // namespace
+
+ProcessImage::ProcessImage(HostFiguresReader readHostFigures) : m_ReadHostFigures(std::move(readHostFigures)) {}
+
+bool ProcessImage::ReadCoils(std::size_t first, std::span<bool> coils) const
+{
+    const std::lock_guard guard(m_Lock);
+    return CopyFromTable<bool>(m_Coils, first, coils);
+}
+
+bool ProcessImage::ReadDiscreteInputs(std::size_t first, std::span<bool> inputs) const
+{
+    return CopyFromTable<bool>(DiscreteInputsOf(m_ReadHostFigures()), first, inputs);
+}
+
+bool ProcessImage::ReadHoldingRegisters(std::size_t first, std::span<uint16_t> registers) const
+{
+    const std::lock_guard guard(m_Lock);
+    return CopyFromTable<uint16_t>(m_HoldingRegisters, first, registers);
+}
+
+bool ProcessImage::ReadInputRegisters(std::size_t first, std::span<uint16_t> registers) const
+{
+    return CopyFromTable<uint16_t>(InputRegistersOf(m_ReadHostFigures()), first, registers);
+}
+
+bool ProcessImage::WriteCoils(std::size_t first, std::span<const bool> coils)
+{
+    const std::lock_guard guard(m_Lock);
+    return CopyIntoTable<bool>(m_Coils, first, coils);
+}
+
+bool ProcessImage::WriteHoldingRegisters(std::size_t first, std::span<const uint16_t> registers)
+{
+    const std::lock_guard guard(m_Lock);
+    return CopyIntoTable<uint16_t>(m_HoldingRegisters, first, registers);
+}

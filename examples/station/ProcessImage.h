@@ -1,0 +1,76 @@
+#pragma once
+
+#include "HostFigures.h"
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <span>
+
+// The station's data as its clients see them: four tables, addressed from 0.
+//
+//   coils               read and written; all off at the start
+//   discrete inputs     read only; states of the host, worked out when they are read
+//   holding registers   read and written; all 0 at the start
+//   input registers     read only; figures of the host, worked out when they are read
+//
+// Each call is one moment: values that are read together stood in the table together, values that are written together
+// appear together. Each returns false, with nothing read or written, when the addresses reach beyond the table.
+// Thread: any number.
+class ProcessImage
+{
+public:
+    static constexpr std::size_t kCoilCount = 2048;
+    static constexpr std::size_t kHoldingRegisterCount = 1024;
+
+    // What each address of the two live tables holds. Numbers of 32 bits have their high half first.
+    enum DiscreteInput : std::size_t
+    {
+        InputHeartbeat,           // on in every other second
+        InputLoadIsHigh,          // the load of the last minute exceeds the number of processors
+        InputMemoryIsLow,         // less than a sixteenth of the memory is free
+        InputHostStartedRecently, // less than ten minutes ago
+        kDiscreteInputCount
+    };
+
+    enum InputRegister : std::size_t
+    {
+        InputUptimeSeconds,                        // 32 bits
+        InputLoad1Minute = InputUptimeSeconds + 2, // times 100
+        InputLoad5Minutes,                         // times 100
+        InputLoad15Minutes,                        // times 100
+        InputFreeMemoryKiB,                        // 32 bits
+        InputClockYear = InputFreeMemoryKiB + 2,   // UTC, like all that follow
+        InputClockMonth,                           // 1..12
+        InputClockDay,                             // 1..31
+        InputClockHour,                            // 0..23
+        InputClockMinute,                          // 0..59
+        InputClockSecond,                          // 0..59
+        InputClockMillisecond,                     // 0..999
+        kInputRegisterCount
+    };
+
+    using HostFiguresReader = std::function<HostFigures()>;
+
+    // readHostFigures: called for each reading of a live table, from any thread and with no lock held.
+    explicit ProcessImage(HostFiguresReader readHostFigures = &HostFigures::Read);
+
+    ProcessImage(const ProcessImage&) = delete;
+    ProcessImage& operator=(const ProcessImage&) = delete;
+
+    bool ReadCoils(std::size_t first, std::span<bool> coils) const;
+    bool ReadDiscreteInputs(std::size_t first, std::span<bool> inputs) const;
+    bool ReadHoldingRegisters(std::size_t first, std::span<uint16_t> registers) const;
+    bool ReadInputRegisters(std::size_t first, std::span<uint16_t> registers) const;
+
+    bool WriteCoils(std::size_t first, std::span<const bool> coils);
+    bool WriteHoldingRegisters(std::size_t first, std::span<const uint16_t> registers);
+
+private:
+    const HostFiguresReader m_ReadHostFigures;
+    mutable std::mutex m_Lock;
+    std::array<bool, kCoilCount> m_Coils{};                           // m_Lock
+    std::array<uint16_t, kHoldingRegisterCount> m_HoldingRegisters{}; // m_Lock
+};
