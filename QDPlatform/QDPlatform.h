@@ -2,6 +2,7 @@
 
 // All public headers of the library, in the order of docs/architecture.md.
 
+// clang-format off: the order is the map's, not the alphabet's
 #include <QDPlatform/QDExport.h>
 // text
 #include <QDPlatform/QDString.h>
@@ -30,3 +31,4 @@
 #include <QDPlatform/QDTcpServerLink.h>
 #include <QDPlatform/QDTcpServerThread.h>
 #include <QDPlatform/QDTcpServer.h>
+// clang-format on
