@@ -1,8 +1,8 @@
 #pragma once
 
-// All public headers of the library, in the order of docs/architecture.md.
+// All public headers of the library, in the order of docs/architecture.md rather than of the alphabet.
 
-// clang-format off: the order is the map's, not the alphabet's
+// clang-format off
 #include <QDPlatform/QDExport.h>
 // text
 #include <QDPlatform/QDString.h>
