@@ -56,15 +56,16 @@ bool CQDSocketThread::StartSocketThread()
         CloseSockets();
         return false;
     }
+    m_Joined = false;
+    m_Running.store(true); // before the thread runs: its callbacks may ask
     const int error = ::pthread_create(&m_Thread, nullptr, &CQDSocketThread::PosixThreadProc, this);
     if (error != 0) {
+        m_Running.store(false);
         PrintSocketError(error, "pthread_create");
         CloseSockets();
         m_pPipe->Close();
         return false;
     }
-    m_Joined = false;
-    m_Running.store(true);
     return true;
 }
 

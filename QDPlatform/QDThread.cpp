@@ -33,13 +33,14 @@ bool CQDThread::StartThread(COutputLog* log)
     __atomic_add_fetch(&m_DisplayThreadId, 1u, __ATOMIC_SEQ_CST);
     if (!m_pPipe->Open())
         return false;
+    m_Running.store(true); // before the thread runs: its first callback may already call StopThread()
     const int error = ::pthread_create(&m_Thread, nullptr, &CQDThread::PosixThreadProc, this);
     if (error != 0) {
+        m_Running.store(false);
         m_pPipe->Close();
         errno = error;
         return false;
     }
-    m_Running.store(true);
     return true;
 }
 

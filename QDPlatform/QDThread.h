@@ -57,7 +57,8 @@ public:
     // True from a successful StartThread() until WaitThread() has joined the thread. Any thread.
     bool IsThreadRunning() const;
 
-    // 0 while not started; 1 after the first start. A derived class may set a number of its own after that.
+    // 0 when new and after WaitThread(); each StartThread() adds one, also one that fails. A derived class may set a
+    // number of its own after that.
     unsigned int GetDisplayThreadId() const;
 
     // Meaningful while IsThreadRunning().

@@ -143,3 +143,14 @@ TEST(CQDReaderWriterLock, ReadersSeeWholeWritesOnly)
     EXPECT_EQ(first, 4000);
     EXPECT_EQ(second, 4000);
 }
+
+TEST(CQDReaderWriterLock, WriterThatAsksAgainHoldsItOnce)
+{
+    CQDReaderWriterLock lock;
+    lock.LockWrite();
+    lock.LockWrite(); // refused by the C library, in silence
+    lock.UnLockWrite();
+    TestThread writer([&] { WriteOnce(lock); });
+
+    EXPECT_TRUE(writer.WaitUntilDone());
+}

@@ -229,12 +229,13 @@ public:
     void AppendMessage(LogType type, int code, const qdchar* text, unsigned int length) override
     {
         RecordingLog::AppendMessage(type, code, text, length);
-        if (m_Interrupt && std::string(text, length).find(m_Text) != std::string::npos)
+        if (std::string(text, length).find(m_Text) != std::string::npos && m_Interrupt)
             std::exchange(m_Interrupt, nullptr)();
     }
 
+    // Set before other threads print. The function runs once.
     std::string m_Text;
-    std::function<void()> m_Interrupt; // runs once
+    std::function<void()> m_Interrupt;
 };
 
 constexpr const char* kExpectedDescriptors = "QD_TEST_EXPECTED_DESCRIPTORS";
@@ -1524,11 +1525,11 @@ TEST(CQDTcpServer, LinkAcceptedInTheMiddleOfCloseAllLinksLeavesNothingBehind)
     InterruptingLog log;
     std::unique_ptr<LoopbackClient> late;
     ServerBench bench(log);
-    bench.Start();
-    LoopbackClient early = bench.Connect();
     // The table has been emptied and the workers still run: the new link goes to one that is about to stop.
     log.m_Text = "Stop TCP Threads...";
     log.m_Interrupt = [&] { late = std::make_unique<LoopbackClient>(bench.Connect()); };
+    bench.Start();
+    LoopbackClient early = bench.Connect();
 
     bench.Server().CloseAllLinks();
 

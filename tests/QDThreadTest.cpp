@@ -973,10 +973,10 @@ TEST(CQDThread, ReadThatFailsEndsTheLoopInSilence)
 
         ASSERT_TRUE(thread.StartThread(&log));
         thread.DoThreadEvent(1);
-        ASSERT_TRUE(thread.WaitFor("stop"));
-
         thread.WaitThread();
-        EXPECT_EQ(thread.GetCalls(), (Calls{"start", "stop"}));
+
+        EXPECT_TRUE(plan.HasFailed());
+        EXPECT_EQ(thread.GetNotes(), (Calls{"start", "ask", "stop"})); // the command, still unread, is not tried again
         EXPECT_TRUE(log.GetMessages().empty());
     }
 }
@@ -1094,4 +1094,26 @@ TEST(CQDThread, NameIsKeptAndNotGivenToTheSystem)
     EXPECT_EQ(thread.GetThreadName(), "other");
     EXPECT_STREQ(before, own); // a new thread has its creator's name
     EXPECT_STREQ(after, own);
+}
+
+TEST(CQDThread, FirstCallbackMayStopItsOwnThread)
+{
+    for (int round = 0; round < 200; ++round) {
+        SCOPED_TRACE(round);
+        NotingThread thread;
+        bool isRunning = false;
+        bool isStopped = false;
+        thread.m_Start = [&] {
+            isRunning = thread.IsThreadRunning();
+            isStopped = thread.StopThread();
+            return true;
+        };
+        ASSERT_TRUE(thread.StartThread(nullptr));
+        ASSERT_TRUE(thread.WaitFor("start"));
+
+        thread.StopThreadAndWait(); // ends a failing test too
+
+        ASSERT_TRUE(isRunning);
+        ASSERT_TRUE(isStopped);
+    }
 }

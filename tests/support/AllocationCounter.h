@@ -2,7 +2,7 @@
 
 #include <cstddef>
 
-// Counts the calls of operator new, in all its forms, in the whole process: the library's calls too.
+// Counts the calls of operator new, but for over-aligned types, in the whole process: the library's calls too.
 //
 // A test that uses it links AllocationCounter.cpp, which replaces the operators.
 class AllocationCounter
