@@ -91,6 +91,7 @@ bool CQDSocketThread::WaitForSocketServerShutdown(int milliseconds)
 {
     if (!m_Running.load() || m_Joined)
         return true;
+    QD_ASSERT(!::pthread_equal(::pthread_self(), m_Thread)); // it cannot wait for itself
     CQDTimestamp deadline = CQDTimestamp::UTCNow();
     deadline.AddMilliseonds(milliseconds);
     timespec deadlineTime;

@@ -40,10 +40,12 @@ public:
     // prints when not running.
     void StopSocketThread();
 
-    // Prints "Sending shutdown command" and sends it (255). Does not wait.
+    // Prints "Sending shutdown command" and sends it (255). Does not wait for the thread; blocks while the pipe is
+    // full.
     void BeginSocketServerShutdown();
 
-    // Waits for the thread to end, at most `milliseconds`. Returns true once it was joined, and when not running.
+    // Waits for the thread to end, at most `milliseconds`. Returns true once it was joined, and when not running. Never
+    // from the socket thread (asserted).
     bool WaitForSocketServerShutdown(int milliseconds);
 
     // Closes the sockets and the pipe and calls OnSocketThreadStopped(). Prints "Delete stopped TCP Server...",
@@ -54,7 +56,7 @@ public:
     bool IsSocketServerRunning() const;
 
     // Sends the low eight bits of `event` to OnSocketThreadEvent(). 255 stops the thread, so events are 0 to 254.
-    // Blocks while the pipe is full; does nothing when not running.
+    // Blocks while the pipe is full, so a callback of the loop must send few; does nothing when not running.
     void TriggerServerEvent(int event);
 
     // Prints an information line behind the prefix. Cut as COutputLog::PrefixedPrintInfoVA cuts.

@@ -278,6 +278,8 @@ void CQDTcpServer::FormatSocketAddress(const QDSocketAddress* address, unsigned 
 void CQDTcpServer::StopTcpThreads()
 {
     PrintLog("Stop TCP Threads...");
+    // Held while joining: whoever comes second returns only when the workers of the first have ended.
+    const QDCriticalSectionGuard stopGuard(m_StopLock);
     ThreadVector threads;
     {
         const QDCriticalSectionGuard guard(m_ThreadsLock);
@@ -409,6 +411,7 @@ bool CQDTcpServer::PlaceLink(CQDTcpServerLink* link)
     }
     if (thread->AddLink(link))
         return true;
+    PrintLog("Link %u cannot be served, closing socket", link->GetLinkId());
     RemoveLinkById(link->GetLinkId());
     return false;
 }
@@ -474,14 +477,16 @@ void CQDTcpServer::RemoveLinkById(unsigned int linkId)
     if (m_LoggingLevel.load() >= TcpServerLinkLoggingReferences)
         PrintLog("Remove link %d", static_cast<int>(linkId));
     CQDTcpServerLink* link = nullptr;
+    int erased = 0;
     {
         const QDCriticalSectionGuard guard(m_Lock);
         const auto found = m_Links.find(linkId);
-        if (found != m_Links.end()) {
+        if (found != m_Links.end())
             link = found->second.m_pLink;
-            m_Links.erase(found);
-        }
+        erased = static_cast<int>(m_Links.erase(linkId));
     }
+    if (erased > 1)
+        PrintLog("*** m_Links.erase() returns %d", erased);
     if (link != nullptr)
         link->Release();
     else

@@ -143,6 +143,7 @@ private:
     std::map<unsigned int, LinkEntry> m_Links QD_GUARDED_BY(m_Lock); // by link id
     ThreadVector m_Threads QD_GUARDED_BY(m_ThreadsLock);             // newest first; one reference each
     CQDCriticalSection m_Lock;                                       // never held while a worker's lock is taken
+    CQDCriticalSection m_StopLock;    // before every other; held while workers are joined, no callback may need it
     CQDCriticalSection m_ThreadsLock; // before m_Lock and the workers' locks; not while joining
     CQDRefCount m_ProtocolErrorCount;
     int m_SpareDescriptor{-1}; // starting, socket, stopping thread; given up to refuse a caller when none is left

@@ -47,6 +47,7 @@ CQDTcpServerThread::CQDTcpServerThread(COutputLog* log, CQDTcpServer* server, un
 
 CQDTcpServerThread::~CQDTcpServerThread()
 {
+    CloseAllLinks(); // of a worker that never ran
     PrintLog(TcpServerLinkLoggingLifecycle, "Deleted");
 }
 
@@ -89,7 +90,7 @@ bool CQDTcpServerThread::AddLink(CQDTcpServerLink* link)
             added = m_Links.emplace(link->GetLinkId(), LinkEntry{link, {}}).second;
     }
     if (added)
-        SendCommand(kCommandLinkChange);
+        SendThreadLinkChangeEvent();
     else
         link->Release();
     return added;
@@ -104,13 +105,17 @@ bool CQDTcpServerThread::PostLinkMessage(CQDTcpServerLinkMessage* message)
             return false;
         found->second.m_Messages.push_back(message);
     }
-    SendCommand(kCommandMessagesPosted);
+    SendThreadPostLinkMessageEvent();
     return true;
 }
 
 bool CQDTcpServerThread::StartThread()
 {
     PrintLog(TcpServerLinkLoggingLifecycle, "Starting TCP thread...");
+    if (m_Running.load()) {
+        errno = EBUSY;
+        return false;
+    }
     if (!m_pPipe->Open())
         return false;
     const int error = ::pthread_create(&m_Thread, nullptr, &CQDTcpServerThread::PosixThreadProc, this);
@@ -238,6 +243,7 @@ bool CQDTcpServerThread::RunOnePass()
 
     if (result == 0) {
         ServeTimeouts();
+        RemoveClosedLinks();
         return true;
     }
     if (result < 0) {
@@ -254,6 +260,7 @@ bool CQDTcpServerThread::RunOnePass()
     if (FD_ISSET(commandEnd, &readable) && !ServeCommand())
         return false;
     ServeLinks(readable, writable);
+    RemoveClosedLinks();
     return true;
 }
 
@@ -285,12 +292,11 @@ void CQDTcpServerThread::ServeLinks(const fd_set& readable, const fd_set& writab
         return link != nullptr && FitsDescriptorSet(link->GetSocket()) && FD_ISSET(link->GetSocket(), &ready);
     };
     for (unsigned int i = 0; i < m_PassLinkCount; ++i) {
-        if (isReady(m_PassLinks[i], readable))
-            CloseIfEnded(m_PassLinks[i], m_PassLinks[i]->CallOnRxData());
+        if (isReady(m_PassLinks[i], readable) && m_PassLinks[i]->CallOnRxData())
+            CloseAndDeleteLink(m_PassLinks[i], true);
         // Looked up again: the read callback may have ended the link.
-        CQDTcpServerLink* link = m_PassLinks[i];
-        if (isReady(link, writable) && !CallOnTxCompleteForLink(link))
-            CloseIfEnded(link, false);
+        if (isReady(m_PassLinks[i], writable))
+            CallOnTxCompleteForLink(m_PassLinks[i]);
     }
 }
 
@@ -300,8 +306,8 @@ void CQDTcpServerThread::ServeTimeouts()
     const CQDTimestamp now = CQDTimestamp::UTCNow();
     for (unsigned int i = 0; i < m_PassLinkCount; ++i) {
         CQDTcpServerLink* link = m_PassLinks[i];
-        if (link != nullptr && now >= link->GetTimeout())
-            CloseIfEnded(link, link->CallOnTimeout(now));
+        if (link != nullptr && link->GetSocket() >= 0 && now >= link->GetTimeout() && link->CallOnTimeout(now))
+            CloseAndDeleteLink(link, true);
     }
 }
 
@@ -351,22 +357,35 @@ void CQDTcpServerThread::DispatchLinkMessages()
         }
     }
     for (auto& [linkId, receiver] : receivers) {
-        CloseIfEnded(receiver.m_pLink, receiver.m_pLink->DispatchMessages(receiver.m_Messages));
+        if (receiver.m_pLink->DispatchMessages(receiver.m_Messages))
+            CloseAndDeleteLink(receiver.m_pLink, true);
         receiver.m_pLink->Release();
     }
 }
 
-// After a callback: removes a link that is to be closed, or that has closed its own socket.
-void CQDTcpServerThread::CloseIfEnded(CQDTcpServerLink* link, bool closeAsked)
+// Removes the links whose sockets a callback has closed, its own or another's: nothing can come for them any more.
+void CQDTcpServerThread::RemoveClosedLinks()
 {
-    if (closeAsked || link->GetSocket() < 0)
-        CloseAndDeleteLink(link, true);
+    for (unsigned int i = 0; i < m_PassLinkCount; ++i) {
+        if (m_PassLinks[i] != nullptr && m_PassLinks[i]->GetSocket() < 0)
+            CloseAndDeleteLink(m_PassLinks[i], true);
+    }
 }
 
 void CQDTcpServerThread::ForgetInThisPass(const CQDTcpServerLink* link)
 {
     std::replace(m_PassLinks, m_PassLinks + m_PassLinkCount, const_cast<CQDTcpServerLink*>(link),
                  static_cast<CQDTcpServerLink*>(nullptr));
+}
+
+void CQDTcpServerThread::SendThreadLinkChangeEvent()
+{
+    SendCommand(kCommandLinkChange);
+}
+
+void CQDTcpServerThread::SendThreadPostLinkMessageEvent()
+{
+    SendCommand(kCommandMessagesPosted);
 }
 
 // Wakes the loop. Never blocks: the caller may be a callback of this very loop, or of another worker that posts back.

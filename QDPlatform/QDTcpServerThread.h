@@ -23,11 +23,10 @@ class QDCommandPipe;
 // Made, started and stopped by the server. Links are served in ascending id order. Time-outs are looked at only when a
 // wait ends without any other event: a worker whose sockets stay busy serves them later. One command is taken in each
 // pass of the loop.
-// Thread: AddRef(), Release(), PostLinkMessage(), GetLinkCount(), ThreadHasSpareCapacity() and GetThreadNumber() from
-// any
-//         thread that holds a reference; AddLink(), StartThread(), TellThreadToStop() and WaitForThreadToStop() from
-//         the server; CloseAndDeleteLink(), CloseAllLinks() and CallOnTxCompleteForLink() on the worker's own thread,
-//         or while it does not run. The lock is never held while a link's callback runs or the server is called.
+// Thread: AddRef(), Release(), PostLinkMessage(), GetLinkCount(), ThreadHasSpareCapacity(), GetThreadNumber() from any
+//         thread that holds a reference; AddLink(), StartThread(), TellThreadToStop(), WaitForThreadToStop() from the
+//         server; CloseAndDeleteLink(), CloseAllLinks(), CallOnTxCompleteForLink() on the worker's own thread, or while
+//         it does not run. The lock is never held while a link's callback runs or the server is called.
 // Owns:   its thread and command pipe while it runs, a reference to each of its links, and the messages not yet
 //         delivered to them. Borrows the log and the server.
 // Counted: starts at 0 references; the last Release() deletes the object.
@@ -73,7 +72,8 @@ public:
     bool PostLinkMessage(CQDTcpServerLinkMessage* message);
 
     // Prints "Starting TCP thread..." and "...TCP thread started" (level 1). Returns false with errno set and nothing
-    // left open when the pipe (EMFILE also when it is not below FD_SETSIZE) or the thread cannot be made.
+    // left open when the pipe (EMFILE also when it is not below FD_SETSIZE) or the thread cannot be made; and, nothing
+    // changed, EBUSY when it runs already.
     bool StartThread();
 
     // Prints "Stop TCP Thread..." (level 1) and tells the loop to end. Does nothing when not running.
@@ -84,7 +84,8 @@ public:
     void WaitForThreadToStop();
 
     // Closes the link and takes it out of the worker's and the server's tables; messages still queued for it are
-    // deleted. The link may be gone afterwards.
+    // deleted. The link may be gone afterwards. Not for a link whose callback is running: that returns a closing
+    // result.
     void CloseAndDeleteLink(CQDTcpServerLink* link, bool hardReset);
 
     // Closes every link with a reset, gives up the worker's references and deletes the messages still queued. The
@@ -117,8 +118,10 @@ private:
     bool ServeCommand();
     bool ExecuteCommand(unsigned char command);
     void DispatchLinkMessages();
-    void CloseIfEnded(CQDTcpServerLink* link, bool closeAsked);
+    void RemoveClosedLinks();
     void ForgetInThisPass(const CQDTcpServerLink* link);
+    void SendThreadLinkChangeEvent();
+    void SendThreadPostLinkMessageEvent();
     void SendCommand(unsigned char command);
     COutputLog* GetReferenceLog() const;
     void PrintLog(TcpServerLinkLogging level, const char* format, ...) QD_PRINTF_FORMAT(3, 4);

@@ -1718,6 +1718,7 @@ TEST(CQDTcpServer, OutOfDescriptorsCallersAreRefusedWithoutSpinningOrFlooding)
     ServerBench bench(log);
     bench.Start();
     LoopbackClient before = bench.Connect();
+    ASSERT_TRUE(Echoes(before)); // the worker has printed its start
     log.Clear();
     {
         const NoDescriptorsLeft none;

@@ -233,7 +233,7 @@ TEST(CQDTcpServerStress, TwoHundredLinksUnderFireAndThenAStop)
     std::vector<StressClient> clients(kLinks);
     for (StressClient& client : clients)
         client.Connect(port.Get());
-    ASSERT_TRUE(WaitUntil([&] { return server.GetLinkCount() == 200u; }));
+    ASSERT_TRUE(WaitUntil([&] { return server.GetLinkCount() == 200u && server.m_Links.m_TimeoutCalls.load() > 0; }));
 
     std::vector<std::unique_ptr<TestThread>> threads;
     for (int i = 0; i < kClientThreads; ++i) {

@@ -62,10 +62,14 @@ LoopbackClient::LoopbackClient(unsigned short port, int family)
     const int result = family == AF_INET6
                            ? ::connect(m_Socket, reinterpret_cast<sockaddr*>(&address6), sizeof address6)
                            : ::connect(m_Socket, reinterpret_cast<sockaddr*>(&address4), sizeof address4);
-    Require(result == 0, "LoopbackClient: connect");
+    // The server may have reset the connection before connect() had a chance to return.
+    m_WasReset = result != 0 && errno == ECONNRESET;
+    Require(result == 0 || m_WasReset, "LoopbackClient: connect");
 }
 
-LoopbackClient::LoopbackClient(LoopbackClient&& other) noexcept : m_Socket(std::exchange(other.m_Socket, -1)) {}
+LoopbackClient::LoopbackClient(LoopbackClient&& other) noexcept :
+    m_Socket(std::exchange(other.m_Socket, -1)), m_WasReset(other.m_WasReset)
+{}
 
 LoopbackClient::~LoopbackClient()
 {
@@ -121,7 +125,7 @@ int LoopbackClient::ReadToEnd()
 
 bool LoopbackClient::SawReset()
 {
-    return ReadToEnd() == ECONNRESET;
+    return m_WasReset || ReadToEnd() == ECONNRESET;
 }
 
 bool LoopbackClient::SawOrderlyClose()

@@ -58,4 +58,5 @@ private:
     int ReadToEnd();
 
     int m_Socket{-1};
+    bool m_WasReset{false}; // by the time it was connected
 };
