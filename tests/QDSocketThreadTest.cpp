@@ -1585,3 +1585,15 @@ TEST(CQDSocketThread, PauseEndsAfterItsTime)
     ASSERT_TRUE(WaitUntil([&] { return paused.load(); }));
     EXPECT_GE(pause, 40ms);
 }
+
+TEST(CQDSocketThreadDeathTest, StopFromTheSocketThreadIsAProgrammingError)
+{
+    const auto stopFromWithin = [] {
+        ProbeServer server(nullptr);
+        server.m_AtStart = [&] { server.StopSocketThread(); };
+        server.StartSocketThread();
+        server.WaitForSocketServerShutdown(20000);
+    };
+
+    EXPECT_DEATH(stopFromWithin(), "pthread_equal\\(::pthread_self\\(\\), m_Thread\\)");
+}

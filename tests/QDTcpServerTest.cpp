@@ -1570,6 +1570,30 @@ TEST(CQDTcpServer, CloseAllLinksFromAnotherThreadWhileLinksCome)
     EXPECT_EQ(bench.Server().m_Assigned.load(), bench.Links().m_Connects.load());
 }
 
+TEST(CQDTcpServer, StopWaitsForTheWorkersThatAnotherThreadIsStopping)
+{
+    COutputLogNull log;
+    std::atomic<bool> isDisconnecting{false};
+    std::atomic<bool> mayEnd{false};
+    ServerBench bench(log);
+    bench.Start();
+    const LoopbackClient client = bench.Connect();
+    bench.Links().m_OnDisconnect = [&](TestLink&) {
+        isDisconnecting.store(true);
+        WaitUntil([&] { return mayEnd.load(); });
+    };
+    TestThread closing([&] { bench.Server().CloseAllLinks(); });
+    EXPECT_TRUE(WaitUntil([&] { return isDisconnecting.load(); }));
+
+    TestThread stopping([&] { bench.Server().StopTcpServer(); });
+    EXPECT_FALSE(WaitUntil([&] { return stopping.IsDone(); }, 100ms));
+
+    mayEnd.store(true);
+    EXPECT_TRUE(stopping.WaitUntilDone());
+    EXPECT_TRUE(closing.WaitUntilDone());
+    EXPECT_EQ(bench.Links().m_LiveLinks.load(), 0);
+}
+
 TEST(CQDTcpServer, AddressesAreFormattedWithoutThePort)
 {
     struct Case
@@ -1682,7 +1706,7 @@ TEST(CQDTcpServer, WorkerPipeThatDoesNotFitTheSetsClosesTheConnectionOnly)
     bench.Start();
     {
         const TakenDescriptors taken(FD_SETSIZE - 2); // for the client and the accepted socket
-        LoopbackClient client(bench.Port());
+        LoopbackClient client = bench.Connect();
         EXPECT_TRUE(client.SawReset());
     }
 
@@ -1718,6 +1742,7 @@ TEST(CQDTcpServer, OutOfDescriptorsCallersAreRefusedWithoutSpinningOrFlooding)
     ServerBench bench(log);
     bench.Start();
     LoopbackClient before = bench.Connect();
+    EXPECT_TRUE(Echoes(before)); // the worker has printed what it prints at its start
     ASSERT_TRUE(Echoes(before)); // the worker has printed its start
     log.Clear();
     {

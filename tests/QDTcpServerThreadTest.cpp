@@ -94,7 +94,6 @@ public:
     ~WorkerBench()
     {
         Stop();
-        m_pWorker->CloseAllLinks();
         m_pWorker->Release();
         for (auto& [linkId, link] : m_LinkTable) {
             link->CloseSocket(true);
@@ -1564,6 +1563,78 @@ TEST(CQDTcpServerThread, LinkWhoseSocketAnotherCallbackClosedIsNotTouchedInThatP
     EXPECT_EQ(bench.Links().m_RxCalls.load(), 2) << "none of link 2";
 }
 
+TEST(CQDTcpServerThread, LinkWhoseSocketAnotherCallbackClosedIsRemovedAfterThatPass)
+{
+    COutputLogNull log;
+    WorkerBench bench(log);
+    bench.AddLink(1);
+    bench.AddLink(2);
+    bench.Links().m_OnRxData = [&](TestLink& link) {
+        bench.Link(2).CloseSocket(true);
+        return link.Echo();
+    };
+    bench.Client(1).Send("x");
+
+    bench.Start();
+
+    // The bench's server does not have the link in its own table; that it was told is what counts.
+    EXPECT_TRUE(WaitUntil([&] { return bench.ServerLog().Has("TcpSvr@1: Link 2 already removed from server list"); }));
+    EXPECT_FALSE(bench.Post(2));
+    EXPECT_TRUE(bench.Post(1));
+}
+
+TEST(CQDTcpServerThread, OverdueLinkThatAnotherTimeoutClosedIsNotCalled)
+{
+    COutputLogNull log;
+    WorkerBench bench(log);
+    bench.AddLink(1).SetTimeout(CQDTimestamp(1));
+    bench.AddLink(2).SetTimeout(CQDTimestamp(1));
+    bench.Links().m_OnTimeout = [&](TestLink& link, const CQDTimestamp&) {
+        link.SetTimeout(CQDTimestamp::Never);
+        bench.Link(2).CloseSocket(true);
+        return LinkCallbackSuccess;
+    };
+
+    bench.Start();
+
+    EXPECT_TRUE(WaitUntil([&] { return bench.ServerLog().Has("TcpSvr@1: Link 2 already removed from server list"); }));
+    EXPECT_EQ(bench.Links().m_TimeoutCalls.load(), 1);
+}
+
+TEST(CQDTcpServerThread, WorkerThatNeverRanGivesBackItsLinksAndDeletesTheirMessages)
+{
+    COutputLogNull log;
+    MessageTally tally;
+    TestServer server(&log, 1);
+    ListeningSocket listener;
+    const LoopbackClient client(listener.GetPort());
+    auto* link = new TestLink(server.MakeContext(1, listener.Accept()), server.m_Links);
+    auto* worker = new CQDTcpServerThread(&log, &server, 1, 64, TcpServerLinkLoggingDefault);
+    worker->AddRef();
+    ASSERT_TRUE(worker->AddLink(link));
+    ASSERT_TRUE(worker->PostLinkMessage(new CountedMessage(1, tally)));
+
+    worker->Release();
+
+    EXPECT_EQ(tally.m_Deleted.load(), 1);
+    EXPECT_EQ(tally.m_Delivered.load(), 0);
+    EXPECT_EQ(server.m_Links.m_LiveLinks.load(), 0);
+}
+
+TEST(CQDTcpServerThread, SecondStartIsRefusedAndTheFirstGoesOn)
+{
+    COutputLogNull log;
+    WorkerBench bench(log);
+    bench.AddLink(1);
+    bench.Start();
+
+    EXPECT_FALSE(bench.Worker().StartThread());
+    EXPECT_EQ(errno, EBUSY);
+
+    bench.Client(1).Send("x");
+    EXPECT_EQ(bench.Client(1).Receive(1), "x");
+}
+
 TEST(CQDTcpServerThread, QuietWaitServesTheTimeoutsThatHavePassed)
 {
     ThreadLog log;
@@ -1789,4 +1860,21 @@ TEST(CQDTcpServerThread, PassesOfAnIdleWorkerAllocateNothing)
     }
 
     EXPECT_EQ(allocations.GetCount(), 0u);
+}
+
+TEST(CQDTcpServerThreadDeathTest, WaitOnTheWorkersOwnThreadIsAProgrammingError)
+{
+    const auto waitFromWithin = [] {
+        COutputLogNull log;
+        WorkerBench bench(log);
+        bench.AddLink(1).SetTimeout(CQDTimestamp(1));
+        bench.Links().m_OnTimeout = [&](TestLink&, const CQDTimestamp&) {
+            bench.Worker().WaitForThreadToStop();
+            return LinkCallbackSuccess;
+        };
+        bench.Start();
+        WaitUntil([] { return false; });
+    };
+
+    EXPECT_DEATH(waitFromWithin(), "pthread_equal\\(::pthread_self\\(\\), m_Thread\\)");
 }
