@@ -74,7 +74,8 @@ public:
     {
         const int before = m_Server.m_Assigned.load();
         LoopbackClient client(m_Port.Get(), family);
-        EXPECT_TRUE(WaitUntil([&] { return m_Server.m_Assigned.load() == before + 1; }));
+        EXPECT_TRUE(WaitUntil([&] { return m_Server.m_Assigned.load() == before + 1; }))
+            << "client's descriptor " << client.GetSocket() << ", assigned " << m_Server.m_Assigned.load() - before;
         return client;
     }
 
@@ -1223,7 +1224,9 @@ TEST(CQDTcpServer, MessageThatClosesItsLinkWhileItIsReadable)
             place.PassThrough();
         return link.Echo();
     };
-    bench.Links().m_OnMessage = [](TestLink&, CountedMessage&) { return LinkCallbackProtocolError; };
+    bench.Links().m_OnMessage = [](TestLink& link, CountedMessage&) {
+        return link.GetLinkId() == 1 ? LinkCallbackProtocolError : LinkCallbackSuccess;
+    };
     bench.Server().m_OnAssigned = [&](CQDTcpServerLink& link) {
         if (link.GetLinkId() == 1)
             socketOfFirst.store(link.GetSocket());
@@ -1231,6 +1234,8 @@ TEST(CQDTcpServer, MessageThatClosesItsLinkWhileItIsReadable)
     bench.Start();
     LoopbackClient first = bench.Connect();
     LoopbackClient second = bench.Connect();
+    EXPECT_TRUE(bench.Post(2)); // comes after the commands of the new links: none of them is left then
+    EXPECT_TRUE(WaitUntil([&] { return bench.Tally().m_Deleted.load() == 1; }));
     second.Send("a");
     EXPECT_TRUE(place.WaitUntilHeld());
 
