@@ -49,7 +49,5 @@ TEST(COutputLogNull, AppendMessageDoesNotReadTheText)
 {
     COutputLogNull log;
 
-    log.AppendMessage(COutputLog::Info, 0, nullptr, 100);
-
-    SUCCEED() << "an access would have ended the process";
+    log.AppendMessage(COutputLog::Info, 0, nullptr, 100); // an access would end the process
 }
