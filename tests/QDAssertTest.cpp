@@ -1,5 +1,7 @@
 #include <QDPlatform/QDAssert.h>
 
+#include "Emulation.h"
+
 #include <QDPlatform/QDString.h>
 
 #include <gtest/gtest.h>
@@ -51,7 +53,8 @@ TEST(QDAssertDeathTest, FalseExpressionAbortsWithFileFunctionAndText)
 {
     // The line is all that is written.
     EXPECT_EXIT(CheckThree(4), testing::KilledBySignal(SIGABRT),
-                "^tests/QDAssertTest\\.cpp: void [^:]*::CheckThree\\(int\\): Assertion \"value == 3\" failed\\.\n$");
+                "^tests/QDAssertTest\\.cpp: void [^:]*::CheckThree\\(int\\): Assertion \"value == 3\" "
+                "failed\\." QD_TEST_END_OF_OUTPUT);
 }
 
 TEST(QDAssertDeathTest, LibrarySourcesAreNamedFromTheTopOfTheSourceTree)
@@ -59,7 +62,8 @@ TEST(QDAssertDeathTest, LibrarySourcesAreNamedFromTheTopOfTheSourceTree)
     const unsigned char* end = nullptr;
 
     EXPECT_EXIT(qd_decode_utf8(end, end), testing::KilledBySignal(SIGABRT),
-                "^QDPlatform/QDString[^ ]*: .*qd_decode_utf8\\(.*\\): Assertion \"pStr < pUtf8End\" failed\\.\n$");
+                "^QDPlatform/QDString[^ ]*: .*qd_decode_utf8\\(.*\\): Assertion \"pStr < pUtf8End\" "
+                "failed\\." QD_TEST_END_OF_OUTPUT);
 }
 
 TEST(QDAssertDeathTest, TextIsTheExpressionAsWritten)
@@ -67,7 +71,7 @@ TEST(QDAssertDeathTest, TextIsTheExpressionAsWritten)
     const char* text = "%s %n";
 
     EXPECT_EXIT(QD_ASSERT(text == nullptr && 10 % 3 == 1), testing::KilledBySignal(SIGABRT),
-                "Assertion \"text == nullptr && 10 % 3 == 1\" failed\\.\n$");
+                "Assertion \"text == nullptr && 10 % 3 == 1\" failed\\." QD_TEST_END_OF_OUTPUT);
 }
 
 TEST(QDAssertDeathTest, AbortsWithNowhereToWriteTo)

@@ -1,5 +1,6 @@
 #include <QDPlatform/QDCriticalSection.h>
 
+#include "Emulation.h"
 #include "FaultPlan.h"
 #include "TestThread.h"
 
@@ -152,5 +153,5 @@ TEST(CQDCriticalSectionDeathTest, MutexThatCannotBeMadeStopsTheProcess)
 
     EXPECT_EXIT(construct(), testing::KilledBySignal(SIGABRT),
                 "^QDPlatform/QDCriticalSection\\.cpp: CQDCriticalSection::CQDCriticalSection\\(\\): "
-                "Assertion \"Result == 0\" failed\\.\n$");
+                "Assertion \"Result == 0\" failed\\." QD_TEST_END_OF_OUTPUT);
 }

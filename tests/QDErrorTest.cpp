@@ -1,6 +1,7 @@
 #include <QDPlatform/QDError.h>
 
-#include <dlfcn.h>
+#include "NextFunction.h"
+
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -40,8 +41,7 @@ public:
 // Stands before the C library's own, to give one code a text longer than any of the system.
 extern "C" char* strerror(int code) noexcept
 {
-    using Function = char* (*)(int);
-    static const Function next = reinterpret_cast<Function>(::dlsym(RTLD_NEXT, "strerror"));
+    static const auto next = NextFunction("strerror", &strerror);
     if (code != kLongTextCode)
         return next(code);
     std::memset(g_LongText, 'x', sizeof g_LongText - 1);

@@ -1,6 +1,6 @@
 #include <QDPlatform/QDFormatMessage.h>
 
-#include <dlfcn.h>
+#include "NextFunction.h"
 
 #include <cerrno>
 #include <cstring>
@@ -21,8 +21,7 @@ const char* const kNoSuchFile = "No such file or directory"; // 25 bytes
 // Stands before the C library's own, as a message catalogue would: one code has a text of several bytes a character.
 extern "C" char* strerror(int code) noexcept
 {
-    using Function = char* (*)(int);
-    static const Function next = reinterpret_cast<Function>(::dlsym(RTLD_NEXT, "strerror"));
+    static const auto next = NextFunction("strerror", &strerror);
     return code == kTranslatedCode ? g_TranslatedText : next(code);
 }
 

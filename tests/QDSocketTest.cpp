@@ -2,12 +2,12 @@
 
 #include "FaultPlan.h"
 #include "LoopbackClient.h"
+#include "NextFunction.h"
 #include "WaitUntil.h"
 
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/time.h>
@@ -43,6 +43,23 @@ int GetIntOption(int socket, int option)
     socklen_t size = sizeof value;
     EXPECT_EQ(::getsockopt(socket, SOL_SOCKET, option, &value, &size), 0);
     return value;
+}
+
+// A time limit as the kernel's first option for it gives it: in two words, whatever the C library's `timeval` is. The
+// later option, of 64-bit times on 32-bit systems, is one that emulators do not read back whole.
+struct KernelTimeLimit
+{
+    long m_Seconds;
+    long m_Microseconds;
+};
+
+// option: SO_RCVTIMEO_OLD or SO_SNDTIMEO_OLD.
+KernelTimeLimit GetTimeLimit(int socket, int option)
+{
+    KernelTimeLimit limit{-1, -1};
+    socklen_t size = sizeof limit;
+    EXPECT_EQ(::getsockopt(socket, SOL_SOCKET, option, &limit, &size), 0);
+    return limit;
 }
 
 QDSocketAddress MakeAddress(int family, const char* host, unsigned short port)
@@ -138,7 +155,7 @@ bool WaitForEvents(int socket, short events)
 // Stands in front of the C library's function, for the library's calls too.
 extern "C" int getaddrinfo(const char* host, const char* service, const addrinfo* hints, addrinfo** result)
 {
-    static const auto next = reinterpret_cast<decltype(&getaddrinfo)>(::dlsym(RTLD_NEXT, "getaddrinfo"));
+    static const auto next = NextFunction("getaddrinfo", &getaddrinfo);
     g_ResolvedHost = host != nullptr ? host : "(null)";
     g_ResolvedService = service != nullptr ? service : "(null)";
     return next(host, service, hints, result);
@@ -617,17 +634,15 @@ TEST(QDSocket, TimeoutsAreSplitIntoSecondsAndMicroseconds)
         SCOPED_TRACE(c.m_Milliseconds);
         QDSocket socket;
         ASSERT_TRUE(socket.CreateSocket(AF_INET, SOCK_STREAM, 0));
-        for (const int option : {SO_RCVTIMEO, SO_SNDTIMEO}) {
-            SCOPED_TRACE(option == SO_RCVTIMEO ? "receive" : "send");
-            timeval limit{-1, -1};
-            socklen_t size = sizeof limit;
+        for (const int option : {SO_RCVTIMEO_OLD, SO_SNDTIMEO_OLD}) {
+            SCOPED_TRACE(option == SO_RCVTIMEO_OLD ? "receive" : "send");
 
-            EXPECT_TRUE(option == SO_RCVTIMEO ? socket.SetRecvTimeout(c.m_Milliseconds)
-                                              : socket.SetSendTimeout(c.m_Milliseconds));
+            EXPECT_TRUE(option == SO_RCVTIMEO_OLD ? socket.SetRecvTimeout(c.m_Milliseconds)
+                                                  : socket.SetSendTimeout(c.m_Milliseconds));
 
-            ASSERT_EQ(::getsockopt(socket.GetSocket(), SOL_SOCKET, option, &limit, &size), 0);
-            EXPECT_EQ(limit.tv_sec, c.m_Seconds);
-            EXPECT_EQ(limit.tv_usec, c.m_Microseconds);
+            const KernelTimeLimit limit = GetTimeLimit(socket.GetSocket(), option);
+            EXPECT_EQ(limit.m_Seconds, c.m_Seconds);
+            EXPECT_EQ(limit.m_Microseconds, c.m_Microseconds);
         }
     }
 }
@@ -639,14 +654,8 @@ TEST(QDSocket, TimeoutsAreSetForTheirOwnDirectionOnly)
     ASSERT_TRUE(socket.SetRecvTimeout(3000));
     ASSERT_TRUE(socket.SetSendTimeout(5000));
 
-    timeval receiveLimit{};
-    timeval sendLimit{};
-    socklen_t size = sizeof receiveLimit;
-    ASSERT_EQ(::getsockopt(socket.GetSocket(), SOL_SOCKET, SO_RCVTIMEO, &receiveLimit, &size), 0);
-    ASSERT_EQ(::getsockopt(socket.GetSocket(), SOL_SOCKET, SO_SNDTIMEO, &sendLimit, &size), 0);
-
-    EXPECT_EQ(receiveLimit.tv_sec, 3);
-    EXPECT_EQ(sendLimit.tv_sec, 5);
+    EXPECT_EQ(GetTimeLimit(socket.GetSocket(), SO_RCVTIMEO_OLD).m_Seconds, 3);
+    EXPECT_EQ(GetTimeLimit(socket.GetSocket(), SO_SNDTIMEO_OLD).m_Seconds, 5);
 }
 
 TEST(QDSocket, NegativeTimeoutsWithAFractionAreRefused)

@@ -3,6 +3,7 @@
 #include <QDPlatform/COutputLog.h>
 
 #include "FaultPlan.h"
+#include "NextFunction.h"
 #include "RecordingLog.h"
 #include "SignalCounter.h"
 #include "TakenDescriptors.h"
@@ -13,7 +14,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/socket.h>
@@ -288,8 +288,7 @@ std::vector<int> StartAndFindPipe(CQDSocketThread& server)
 // Counts the waits for a thread's end, and refuses some without waiting.
 extern "C" int pthread_timedjoin_np(pthread_t thread, void** result, const timespec* deadline)
 {
-    static const auto next =
-        reinterpret_cast<decltype(&pthread_timedjoin_np)>(::dlsym(RTLD_NEXT, "pthread_timedjoin_np"));
+    static const auto next = NextFunction("pthread_timedjoin_np", &pthread_timedjoin_np);
     {
         const std::lock_guard lock(g_TimedJoinMutex);
         g_TimedJoins.push_back({UtcNowTicks(), TicksOf(*deadline)});

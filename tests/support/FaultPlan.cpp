@@ -1,6 +1,7 @@
 #include "FaultPlan.h"
 
-#include <dlfcn.h>
+#include "NextFunction.h"
+
 #include <fcntl.h>
 #include <netdb.h>
 #include <pthread.h>
@@ -49,13 +50,6 @@ int TakeFault(const char* function)
     return g_Error.load();
 }
 
-// The C library's own function, or a sanitizer's in front of it.
-template<class Function>
-Function* Next(const char* name, Function*)
-{
-    return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
-}
-
 int FailWith(int error)
 {
     errno = error;
@@ -101,7 +95,7 @@ bool FaultPlan::HasFailed() const
 #define QD_TEST_WRAP(name, parameters, arguments)                                                                      \
     extern "C" int name parameters                                                                                     \
     {                                                                                                                  \
-        static const auto next = Next(#name, static_cast<int(*) parameters>(nullptr));                                 \
+        static const auto next = NextFunction(#name, static_cast<int(*) parameters>(nullptr));                         \
         if (const int error = TakeFault(#name))                                                                        \
             return FailWith(error);                                                                                    \
         return next arguments;                                                                                         \
@@ -129,7 +123,7 @@ QD_TEST_WRAP(gettimeofday, (timeval * now, void* zone) noexcept, (now, zone))
 extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*start)(void*),
                               void* argument) noexcept
 {
-    static const auto next = Next("pthread_create", &pthread_create);
+    static const auto next = NextFunction("pthread_create", &pthread_create);
     if (const int error = TakeFault("pthread_create"))
         return error;
     return next(thread, attributes, start, argument);
@@ -137,7 +131,7 @@ extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attribute
 
 extern "C" int pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes) noexcept
 {
-    static const auto next = Next("pthread_mutex_init", &pthread_mutex_init);
+    static const auto next = NextFunction("pthread_mutex_init", &pthread_mutex_init);
     if (const int error = TakeFault("pthread_mutex_init"))
         return error;
     return next(mutex, attributes);
@@ -146,7 +140,7 @@ extern "C" int pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexatt
 extern "C" int getnameinfo(const sockaddr* address, socklen_t length, char* host, socklen_t hostSize, char* service,
                            socklen_t serviceSize, int flags)
 {
-    static const auto next = Next("getnameinfo", &getnameinfo);
+    static const auto next = NextFunction("getnameinfo", &getnameinfo);
     if (const int error = TakeFault("getnameinfo"))
         return error;
     return next(address, length, host, hostSize, service, serviceSize, flags);
@@ -154,7 +148,7 @@ extern "C" int getnameinfo(const sockaddr* address, socklen_t length, char* host
 
 extern "C" ssize_t read(int fd, void* buffer, size_t size)
 {
-    static const auto next = Next("read", &read);
+    static const auto next = NextFunction("read", &read);
     if (const int error = TakeFault("read"))
         return FailWith(error);
     return next(fd, buffer, size);
@@ -162,7 +156,7 @@ extern "C" ssize_t read(int fd, void* buffer, size_t size)
 
 extern "C" ssize_t write(int fd, const void* data, size_t size)
 {
-    static const auto next = Next("write", &write);
+    static const auto next = NextFunction("write", &write);
     if (const int error = TakeFault("write"))
         return FailWith(error);
     return next(fd, data, size);
@@ -170,7 +164,7 @@ extern "C" ssize_t write(int fd, const void* data, size_t size)
 
 extern "C" ssize_t recv(int fd, void* buffer, size_t size, int flags)
 {
-    static const auto next = Next("recv", &recv);
+    static const auto next = NextFunction("recv", &recv);
     if (const int error = TakeFault("recv"))
         return FailWith(error);
     return next(fd, buffer, size, flags);
@@ -178,7 +172,7 @@ extern "C" ssize_t recv(int fd, void* buffer, size_t size, int flags)
 
 extern "C" ssize_t send(int fd, const void* data, size_t size, int flags)
 {
-    static const auto next = Next("send", &send);
+    static const auto next = NextFunction("send", &send);
     if (const int error = TakeFault("send"))
         return FailWith(error);
     return next(fd, data, size, flags);
@@ -186,7 +180,7 @@ extern "C" ssize_t send(int fd, const void* data, size_t size, int flags)
 
 extern "C" int ioctl(int fd, unsigned long request, ...) noexcept
 {
-    static const auto next = Next("ioctl", &ioctl);
+    static const auto next = NextFunction("ioctl", &ioctl);
     va_list arguments;
     va_start(arguments, request);
     void* argument = va_arg(arguments, void*);
@@ -198,7 +192,7 @@ extern "C" int ioctl(int fd, unsigned long request, ...) noexcept
 
 extern "C" int open(const char* path, int flags, ...)
 {
-    static const auto next = Next("open", &open);
+    static const auto next = NextFunction("open", &open);
     mode_t mode = 0;
     if ((flags & O_CREAT) != 0) {
         va_list arguments;
