@@ -2,9 +2,7 @@
 
 #include <QDPlatform/QDString.h>
 
-#include <sys/time.h>
-#include <time.h>
-
+#include <algorithm>
 #include <cstring>
 #include <cwchar>
 #include <limits>
@@ -390,49 +388,39 @@ void CQDTimestamp::SetUnixTimeMicroSeconds(long long us)
     m_Value = Sum(Product(us, kTicksPerMicrosecond), kUnixEpochTicks);
 }
 
-void CQDTimestamp::SetFromTimespec(const timespec& ts)
+void CQDTimestamp::SetUnixTicks(long long seconds, long long ticks)
 {
-    m_Value = Sum(Sum(Product(ts.tv_sec, CQDTimeInterval::TicksPerSecond), ts.tv_nsec / 100), kUnixEpochTicks);
+    m_Value = Sum(Sum(Product(seconds, CQDTimeInterval::TicksPerSecond), ticks), kUnixEpochTicks);
 }
 
-void CQDTimestamp::GetAsTimespec(timespec& ts) const
+long long CQDTimestamp::GetUnixTicks(long long firstSecond, long long lastSecond) const
 {
+    constexpr long long kLastTickOfASecond = CQDTimeInterval::TicksPerSecond - 1;
     const long long ticks = Difference(m_Value, kUnixEpochTicks);
-    ts.tv_sec = static_cast<decltype(ts.tv_sec)>(ticks / CQDTimeInterval::TicksPerSecond);
-    ts.tv_nsec = static_cast<decltype(ts.tv_nsec)>(ticks % CQDTimeInterval::TicksPerSecond * 100);
+    const long long seconds = ticks / CQDTimeInterval::TicksPerSecond;
+    if (seconds < firstSecond)
+        return Product(firstSecond, CQDTimeInterval::TicksPerSecond) - kLastTickOfASecond;
+    if (seconds > lastSecond)
+        return Product(lastSecond, CQDTimeInterval::TicksPerSecond) + kLastTickOfASecond;
+    return ticks;
 }
 
-void CQDTimestamp::SetFromTimeval(const timeval& tv)
-{
-    m_Value = Sum(Sum(Product(tv.tv_sec, CQDTimeInterval::TicksPerSecond), Product(tv.tv_usec, kTicksPerMicrosecond)),
-                  kUnixEpochTicks);
-}
-
-void CQDTimestamp::GetAsTimeval(timeval& tv) const
-{
-    const long long ticks = Difference(m_Value, kUnixEpochTicks);
-    tv.tv_sec = static_cast<decltype(tv.tv_sec)>(ticks / CQDTimeInterval::TicksPerSecond);
-    tv.tv_usec = static_cast<decltype(tv.tv_usec)>(ticks % CQDTimeInterval::TicksPerSecond / kTicksPerMicrosecond);
-}
-
-timeval* CQDTimestamp::GetSelectTimeout(long long deadline, timeval& tv) const
+bool CQDTimestamp::GetTimeLeft(long long deadline, long long longestSeconds, long long& seconds,
+                               int& microseconds) const
 {
     if (deadline == Never.m_Value)
-        return nullptr;
-    tv = {};
+        return false;
+    seconds = 0;
+    microseconds = 0;
     if (m_Value >= deadline)
-        return &tv;
+        return true;
 
-    using Seconds = decltype(tv.tv_sec);
-    using Microseconds = decltype(tv.tv_usec);
-    constexpr uint64_t kLongestSeconds = std::numeric_limits<Seconds>::max();
     // Unsigned: the distance from a negative time can exceed the signed range.
     const uint64_t ticks = static_cast<uint64_t>(deadline) - static_cast<uint64_t>(m_Value);
-    const uint64_t microseconds = ticks / kTicksPerMicrosecond + (ticks % kTicksPerMicrosecond != 0);
-    const uint64_t seconds = microseconds / 1000000;
-    tv.tv_sec = static_cast<Seconds>(seconds > kLongestSeconds ? kLongestSeconds : seconds);
-    tv.tv_usec = static_cast<Microseconds>(microseconds % 1000000);
-    return &tv;
+    const uint64_t allMicroseconds = ticks / kTicksPerMicrosecond + (ticks % kTicksPerMicrosecond != 0);
+    seconds = std::min(static_cast<long long>(allMicroseconds / 1000000), longestSeconds);
+    microseconds = static_cast<int>(allMicroseconds % 1000000);
+    return true;
 }
 
 int CQDTimestamp::ToText(char* buffer, char separator) const

@@ -3,11 +3,12 @@
 #include <QDPlatform/QDExport.h>
 #include <QDPlatform/QDTimeInterval.h>
 
-#include <cstdint>
-#include <string>
+#include <sys/time.h>
+#include <time.h>
 
-struct timespec;
-struct timeval;
+#include <cstdint>
+#include <limits>
+#include <string>
 
 // A point in time: ticks of 100 nanoseconds since 1601-01-01 00:00:00 on the proleptic Gregorian calendar.
 //
@@ -15,8 +16,9 @@ struct timeval;
 // Every tick count may be stored, and nothing fails or overflows on any of them: sums and products beyond 64 bits wrap.
 // Calendar fields and text have a meaning from tick 0 on; those of a negative tick count have none, but each field is
 // within its range.
-// Conversions to and from POSIX time truncate toward zero, before 1970 too. On 32-bit systems the library is built with
-// 64-bit time (_TIME_BITS=64), and a caller that passes `timespec` or `timeval` must be built so as well.
+// Conversions to and from POSIX time truncate toward zero, before 1970 too. On 32-bit systems `timespec` and `timeval`
+// have the size that the caller is compiled with, _TIME_BITS=64 or not, whatever the library was: the functions that
+// take them are inlined into the caller. A time that the caller's tv_sec cannot hold becomes the nearest that it can.
 // Thread: one at a time, like any plain value; Never is read-only.
 class QD_API CQDTimestamp
 {
@@ -114,18 +116,45 @@ public:
     void SetUnixTimeMicroSeconds(long long us);
 
     // Seconds and nanoseconds since 1970. Before 1970 both parts that are returned are negative or zero.
-    void SetFromTimespec(const timespec& ts);
-    void GetAsTimespec(timespec& ts) const;
+    [[gnu::always_inline]] void SetFromTimespec(const timespec& ts) { SetUnixTicks(ts.tv_sec, ts.tv_nsec / 100); }
+
+    [[gnu::always_inline]] void GetAsTimespec(timespec& ts) const
+    {
+        using Seconds = decltype(ts.tv_sec);
+        const long long ticks = GetUnixTicks(std::numeric_limits<Seconds>::min(), std::numeric_limits<Seconds>::max());
+        ts.tv_sec = static_cast<Seconds>(ticks / CQDTimeInterval::TicksPerSecond);
+        ts.tv_nsec = static_cast<decltype(ts.tv_nsec)>(ticks % CQDTimeInterval::TicksPerSecond * 100);
+    }
 
     // Seconds and microseconds since 1970. Before 1970 both parts that are returned are negative or zero.
-    void SetFromTimeval(const timeval& tv);
-    void GetAsTimeval(timeval& tv) const;
+    [[gnu::always_inline]] void SetFromTimeval(const timeval& tv)
+    {
+        SetUnixTicks(tv.tv_sec, static_cast<long long>(static_cast<unsigned long long>(tv.tv_usec) * 10));
+    }
+
+    [[gnu::always_inline]] void GetAsTimeval(timeval& tv) const
+    {
+        using Seconds = decltype(tv.tv_sec);
+        const long long ticks = GetUnixTicks(std::numeric_limits<Seconds>::min(), std::numeric_limits<Seconds>::max());
+        tv.tv_sec = static_cast<Seconds>(ticks / CQDTimeInterval::TicksPerSecond);
+        tv.tv_usec = static_cast<decltype(tv.tv_usec)>(ticks % CQDTimeInterval::TicksPerSecond / 10);
+    }
 
     // The time-out for select(), this object being the current time.
     // deadline: ticks since 1601. Returns null, with `tv` untouched, for Never: wait without limit. Otherwise fills
     // `tv` with the time that is left, a part of a microsecond counting as a whole one, or with zero once the deadline
-    // has passed, and returns &tv. A time that tv_sec cannot hold becomes the longest that it can.
-    timeval* GetSelectTimeout(long long deadline, timeval& tv) const;
+    // has passed, and returns &tv.
+    [[gnu::always_inline]] timeval* GetSelectTimeout(long long deadline, timeval& tv) const
+    {
+        using Seconds = decltype(tv.tv_sec);
+        long long seconds = 0;
+        int microseconds = 0;
+        if (!GetTimeLeft(deadline, std::numeric_limits<Seconds>::max(), seconds, microseconds))
+            return nullptr;
+        tv.tv_sec = static_cast<Seconds>(seconds);
+        tv.tv_usec = microseconds;
+        return &tv;
+    }
 
     // Writes date, separator and time of day, as in 2020-03-04 05:06:07.008; a year beyond 9999 reads "****".
     // buffer: 24 bytes, terminator included. separator: a code point up to 0xFF, typically a blank or T.
@@ -149,6 +178,18 @@ public:
     bool ParseString(const std::string& text);
 
 private:
+    // What the conversions above are made of, in types that have one size for every caller.
+
+    // Moves to `seconds` and `ticks` after 1970.
+    void SetUnixTicks(long long seconds, long long ticks);
+
+    // The ticks since 1970, those before firstSecond or behind lastSecond becoming the first or last tick of these.
+    long long GetUnixTicks(long long firstSecond, long long lastSecond) const;
+
+    // Fills the time from this one to the deadline, see GetSelectTimeout(); more than longestSeconds become
+    // longestSeconds. Returns false, with nothing changed, when there is no deadline.
+    bool GetTimeLeft(long long deadline, long long longestSeconds, long long& seconds, int& microseconds) const;
+
     long long m_Value{0}; // ticks since 1601
 };
 

@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -484,6 +485,20 @@ TEST(CQDTimestamp, TimestampStructIsTen32BitFields)
     static_assert(sizeof(CQDTimestamp::TimestampStruct) == 40);
     static_assert(std::is_same_v<decltype(CQDTimestamp::TimestampStruct::m_Year), uint32_t>);
     static_assert(std::is_standard_layout_v<CQDTimestamp::TimestampStruct>);
+}
+
+TEST(CQDTimestamp, TimestampStructHasItsFieldsInOrder)
+{
+    EXPECT_EQ(offsetof(CQDTimestamp::TimestampStruct, m_Year), 0u);
+    EXPECT_EQ(offsetof(CQDTimestamp::TimestampStruct, m_Month), 4u);
+    EXPECT_EQ(offsetof(CQDTimestamp::TimestampStruct, m_Day), 8u);
+    EXPECT_EQ(offsetof(CQDTimestamp::TimestampStruct, m_DayOfYear), 12u);
+    EXPECT_EQ(offsetof(CQDTimestamp::TimestampStruct, m_DayOfWeek), 16u);
+    EXPECT_EQ(offsetof(CQDTimestamp::TimestampStruct, m_Hour), 20u);
+    EXPECT_EQ(offsetof(CQDTimestamp::TimestampStruct, m_Minute), 24u);
+    EXPECT_EQ(offsetof(CQDTimestamp::TimestampStruct, m_Second), 28u);
+    EXPECT_EQ(offsetof(CQDTimestamp::TimestampStruct, m_Millisecond), 32u);
+    EXPECT_EQ(offsetof(CQDTimestamp::TimestampStruct, m_MillisecondsSinceMidnight), 36u);
 }
 
 TEST(CQDTimestamp, FieldsOfNegativeTicksStayWithinTheirRanges)
