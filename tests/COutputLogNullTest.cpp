@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "AllocationCounter.h"
+#include "VirtualSlot.h"
 
 namespace
 {
@@ -31,6 +32,13 @@ TEST(COutputLogNull, IsALogWithoutData)
 {
     EXPECT_TRUE((std::is_base_of_v<COutputLog, COutputLogNull>));
     EXPECT_EQ(sizeof(COutputLogNull), sizeof(void*));
+}
+
+TEST(COutputLogNull, VirtualOperationsStandInTheirOrder)
+{
+    EXPECT_TRUE(std::has_virtual_destructor_v<COutputLogNull>); // takes the positions 0 and 1
+    EXPECT_EQ(VirtualSlot(&COutputLogNull::Clear), 2);
+    EXPECT_EQ(VirtualSlot(&COutputLogNull::AppendMessage), 3);
 }
 
 TEST(COutputLogNull, PrintingIsAllocationFree)

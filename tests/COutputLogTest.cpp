@@ -17,6 +17,7 @@
 
 #include "AllocationCounter.h"
 #include "RecordingLog.h"
+#include "VirtualSlot.h"
 
 namespace
 {
@@ -159,7 +160,14 @@ TEST(COutputLog, HoldsNoDataBesidesItsVirtualTable)
 {
     EXPECT_EQ(sizeof(COutputLog), sizeof(void*));
     EXPECT_TRUE(std::is_abstract_v<COutputLog>);
-    EXPECT_TRUE(std::has_virtual_destructor_v<COutputLog>);
+}
+
+TEST(COutputLog, VirtualOperationsStandInTheirOrder)
+{
+    EXPECT_TRUE(std::has_virtual_destructor_v<COutputLog>); // takes the positions 0 and 1
+    EXPECT_EQ(VirtualSlot(&COutputLog::Clear), 2);
+    EXPECT_EQ(VirtualSlot(&COutputLog::AppendMessage), 3);
+    EXPECT_EQ(VirtualSlot(&COutputLog::PrintString), -1);
 }
 
 TEST(COutputLog, LogTypesHaveTheirValuesIn32Bits)

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "RecordingLog.h"
+#include "VirtualSlot.h"
 
 using LogEntry = COutputLogToRawList::LogEntry;
 
@@ -57,6 +58,13 @@ TEST(COutputLogToRawListLogEntry, MoveTakesTheTextAlong)
     ExpectEntry(moved, COutputLog::Error, 7, std::string(100, 'x'));
     EXPECT_EQ(moved.text.data(), text);
     EXPECT_TRUE(std::is_nothrow_move_constructible_v<LogEntry>);
+}
+
+TEST(COutputLogToRawList, VirtualOperationsStandInTheirOrder)
+{
+    EXPECT_TRUE(std::has_virtual_destructor_v<COutputLogToRawList>); // takes the positions 0 and 1
+    EXPECT_EQ(VirtualSlot(&COutputLogToRawList::Clear), 2);
+    EXPECT_EQ(VirtualSlot(&COutputLogToRawList::AppendMessage), 3);
 }
 
 TEST(COutputLogToRawList, StartsEmpty)

@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include "VirtualSlot.h"
+
 TEST(COutputLogToString, StartsEmpty)
 {
     const COutputLogToString log;
@@ -16,6 +18,13 @@ TEST(COutputLogToString, IsALogThatHoldsOneString)
 {
     EXPECT_TRUE((std::is_base_of_v<COutputLog, COutputLogToString>));
     EXPECT_EQ(sizeof(COutputLogToString), sizeof(void*) + sizeof(std::string));
+}
+
+TEST(COutputLogToString, VirtualOperationsStandInTheirOrder)
+{
+    EXPECT_TRUE(std::has_virtual_destructor_v<COutputLogToString>); // takes the positions 0 and 1
+    EXPECT_EQ(VirtualSlot(&COutputLogToString::Clear), 2);
+    EXPECT_EQ(VirtualSlot(&COutputLogToString::AppendMessage), 3);
 }
 
 TEST(COutputLogToString, EachMessageIsALine)

@@ -317,6 +317,21 @@ TEST(TcpServerLinkCreateContext, HasRoomForAnIPv6AddressFromTheStart)
     EXPECT_GE(sizeof context.m_PeerAddress, 28u);
 }
 
+TEST(TcpServerLinkCreateContext, HasItsFieldsInOrder)
+{
+    using Context = TcpServerLinkCreateContext;
+
+    EXPECT_EQ(offsetof(Context, m_pOutputLog), 0u);
+    EXPECT_LT(offsetof(Context, m_pOutputLog), offsetof(Context, m_pServer));
+    EXPECT_LT(offsetof(Context, m_pServer), offsetof(Context, m_pServerName));
+    EXPECT_LT(offsetof(Context, m_pServerName), offsetof(Context, m_LinkId));
+    EXPECT_LT(offsetof(Context, m_LinkId), offsetof(Context, m_PeerAddressText));
+    EXPECT_LT(offsetof(Context, m_PeerAddressText), offsetof(Context, m_Socket));
+    EXPECT_LT(offsetof(Context, m_Socket), offsetof(Context, m_LoggingLevel));
+    EXPECT_LT(offsetof(Context, m_LoggingLevel), offsetof(Context, m_PeerAddressLength));
+    EXPECT_LT(offsetof(Context, m_PeerAddressLength), offsetof(Context, m_PeerAddress));
+}
+
 TEST(CQDTcpServerLink, VirtualOperationsStandInTheirOrder)
 {
     EXPECT_TRUE(std::has_virtual_destructor_v<CQDTcpServerLink>); // takes the positions 0 and 1

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <cstring>
 #include <limits>
 #include <string>
@@ -35,6 +36,17 @@ TEST(CQDTimeInterval, HoldsTheTicksItWasGiven)
     EXPECT_EQ(CQDTimeInterval(-12345).GetValue(), -12345);
     EXPECT_EQ(CQDTimeInterval(kSmallest).GetValue(), kSmallest);
     EXPECT_EQ(CQDTimeInterval(kLargest).GetValue(), kLargest);
+}
+
+TEST(CQDTimeInterval, IntervalStructHasItsFieldsInOrder)
+{
+    EXPECT_EQ(offsetof(CQDTimeInterval::IntervalStruct, m_Negative), 0u);
+    EXPECT_EQ(offsetof(CQDTimeInterval::IntervalStruct, m_Days), 4u);
+    EXPECT_EQ(offsetof(CQDTimeInterval::IntervalStruct, m_Hours), 8u);
+    EXPECT_EQ(offsetof(CQDTimeInterval::IntervalStruct, m_Minutes), 12u);
+    EXPECT_EQ(offsetof(CQDTimeInterval::IntervalStruct, m_Seconds), 16u);
+    EXPECT_EQ(offsetof(CQDTimeInterval::IntervalStruct, m_Milliseconds), 20u);
+    EXPECT_EQ(sizeof(CQDTimeInterval::IntervalStruct), 24u);
 }
 
 TEST(CQDTimeInterval, IsAPlainValueOfOne64BitCount)
