@@ -111,9 +111,9 @@ public:
     static void QDGetNameInfo(const QDSocketAddress* address, unsigned int length, std::string& text);
 
 private:
-    bool SetNonBlockingMode(int on);
-    bool SetTimeoutOption(int option, int milliseconds);
-    bool KeepError(int result);
+    QD_LOCAL bool SetNonBlockingMode(int on);
+    QD_LOCAL bool SetTimeoutOption(int option, int milliseconds);
+    QD_LOCAL bool KeepError(int result);
 
     int32_t m_Socket{-1};
     int32_t m_LastError{0};

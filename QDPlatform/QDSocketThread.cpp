@@ -14,7 +14,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdarg>
-#include <cstring>
 
 namespace
 {
@@ -96,7 +95,6 @@ bool CQDSocketThread::WaitForSocketServerShutdown(int milliseconds)
     CQDTimestamp deadline = CQDTimestamp::UTCNow();
     deadline.AddMilliseonds(milliseconds);
     timespec deadlineTime;
-    std::memset(&deadlineTime, 0, sizeof deadlineTime); // the padding too: emulators of 32-bit systems read it
     deadline.GetAsTimespec(deadlineTime);
     m_Joined = ::pthread_timedjoin_np(m_Thread, nullptr, &deadlineTime) == 0;
     return m_Joined;

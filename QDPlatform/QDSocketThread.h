@@ -105,9 +105,9 @@ protected:
 private:
     static void* PosixThreadProc(void* thread);
     void ThreadMain();
-    bool RunOnePass();
-    bool ProcessCommand();
-    bool SocketsFitDescriptorSet() const;
+    QD_LOCAL bool RunOnePass();
+    QD_LOCAL bool ProcessCommand();
+    QD_LOCAL bool SocketsFitDescriptorSet() const;
 
     std::atomic<bool> m_Running{false};
     bool m_Joined{false}; // owner's thread

@@ -178,6 +178,9 @@ constexpr bool kLittleEndian = std::endian::native == std::endian::little;
 constexpr ptrdiff_t kWordBytes = sizeof(size_t);
 constexpr ptrdiff_t kBlock = 16; // units that are looked at together
 
+// Bytes. No array is larger, so a room beyond it stands for "enough": with 32 bits, pointers could not express it.
+constexpr size_t kLargestArray = std::numeric_limits<ptrdiff_t>::max();
+
 // A machine word with `value` in each of its units.
 template<class Unit>
 constexpr size_t InEachUnit(size_t value)
@@ -281,6 +284,7 @@ ptrdiff_t WidenAscii(const uint8_t* src, ptrdiff_t left, Unit* dst, ptrdiff_t ro
 template<class To>
 unsigned ConvertUtf8(const uint8_t* src, unsigned srcLen, typename To::Unit* dst, size_t dstSize)
 {
+    dstSize = std::min(dstSize, kLargestArray / sizeof(typename To::Unit));
     const uint8_t* const end = src + srcLen;
     size_t written = 0;
     uint32_t value = 0;
@@ -389,7 +393,7 @@ unsigned ConvertUtf16ToUtf8(const uint16_t* src, unsigned srcLen, uint8_t* dst, 
     constexpr ptrdiff_t kWordUnits = kWordBytes / 2;
     const uint16_t* const end = src + srcLen;
     uint8_t* out = dst;
-    const uint8_t* const outEnd = dst + dstSize;
+    const uint8_t* const outEnd = dst + std::min<size_t>(dstSize, kLargestArray);
     // One unit more than a word, so that a pair is never cut and the last stored byte is always overwritten.
     while (end - src > kWordUnits && outEnd - out >= 4 * kWordUnits) {
         const size_t units = LoadWord(src);

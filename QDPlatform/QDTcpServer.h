@@ -120,18 +120,18 @@ private:
 
     static bool SortThreads(const CQDTcpServerThread* a, const CQDTcpServerThread* b);
     int CreateListenSocket(int family);
-    void AddListenSocket(int socket);
-    int AcceptConnection(int listenSocket, TcpServerLinkCreateContext& context);
-    void OnAcceptFailed(int listenSocket, int error);
-    void OpenSpareDescriptor();
-    void CloseSpareDescriptor();
-    unsigned int TakeNextLinkId();
-    bool PlaceLink(CQDTcpServerLink* link);
+    QD_LOCAL void AddListenSocket(int socket);
+    QD_LOCAL int AcceptConnection(int listenSocket, TcpServerLinkCreateContext& context);
+    QD_LOCAL void OnAcceptFailed(int listenSocket, int error);
+    QD_LOCAL void OpenSpareDescriptor();
+    QD_LOCAL void CloseSpareDescriptor();
+    QD_LOCAL unsigned int TakeNextLinkId();
+    QD_LOCAL bool PlaceLink(CQDTcpServerLink* link);
     CQDTcpServerThread* FindThreadWithSpareCapacity() QD_REQUIRES(m_ThreadsLock);
-    CQDTcpServerThread* StartNewThread() QD_REQUIRES(m_ThreadsLock);
-    void ForgetThread(const CQDTcpServerThread* thread);
-    void ReleaseLinksWithoutWorker();
-    void RemoveLinkById(unsigned int linkId);
+    QD_LOCAL CQDTcpServerThread* StartNewThread() QD_REQUIRES(m_ThreadsLock);
+    QD_LOCAL void ForgetThread(const CQDTcpServerThread* thread);
+    QD_LOCAL void ReleaseLinksWithoutWorker();
+    QD_LOCAL void RemoveLinkById(unsigned int linkId);
 
     char m_ServerName[32];
     const unsigned short m_Port;

@@ -184,10 +184,11 @@ private:
     friend class CQDTcpServer; // OnConnect(), RefuseSocket()
 
     // Closes the socket of a link that OnConnect() refused, without OnDisconnect().
-    void RefuseSocket();
+    QD_LOCAL void RefuseSocket();
 
-    LinkCallbackResult FinishTransfer(ssize_t result, const void* data, const char* direction, unsigned int& count);
-    COutputLog* GetReferenceLog() const;
+    QD_LOCAL LinkCallbackResult FinishTransfer(ssize_t result, const void* data, const char* direction,
+                                               unsigned int& count);
+    QD_LOCAL COutputLog* GetReferenceLog() const;
 
     CQDTcpServer* const m_pServer; // not owned
     const unsigned int m_LinkId;

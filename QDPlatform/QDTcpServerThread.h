@@ -109,21 +109,21 @@ private:
     using LinkMap = std::map<unsigned int, LinkEntry>;
 
     static void* PosixThreadProc(void* thread);
-    static void DeleteMessages(MessageQueue& messages);
+    QD_LOCAL static void DeleteMessages(MessageQueue& messages);
     void ThreadMain();
-    bool RunOnePass();
-    int CollectLinks(fd_set& readable, fd_set& writable, CQDTimestamp& earliest);
-    void ServeLinks(const fd_set& readable, const fd_set& writable);
-    void ServeTimeouts();
-    bool ServeCommand();
-    bool ExecuteCommand(unsigned char command);
+    QD_LOCAL bool RunOnePass();
+    QD_LOCAL int CollectLinks(fd_set& readable, fd_set& writable, CQDTimestamp& earliest);
+    QD_LOCAL void ServeLinks(const fd_set& readable, const fd_set& writable);
+    QD_LOCAL void ServeTimeouts();
+    QD_LOCAL bool ServeCommand();
+    QD_LOCAL bool ExecuteCommand(unsigned char command);
     void DispatchLinkMessages();
-    void RemoveClosedLinks();
-    void ForgetInThisPass(const CQDTcpServerLink* link);
+    QD_LOCAL void RemoveClosedLinks();
+    QD_LOCAL void ForgetInThisPass(const CQDTcpServerLink* link);
     void SendThreadLinkChangeEvent();
     void SendThreadPostLinkMessageEvent();
-    void SendCommand(unsigned char command);
-    COutputLog* GetReferenceLog() const;
+    QD_LOCAL void SendCommand(unsigned char command);
+    QD_LOCAL COutputLog* GetReferenceLog() const;
     void PrintLog(TcpServerLinkLogging level, const char* format, ...) QD_PRINTF_FORMAT(3, 4);
 
     COutputLog* const m_pOutputLog; // may be null

@@ -98,7 +98,7 @@ protected:
 private:
     static void* PosixThreadProc(void* thread);
     void ThreadMain();
-    bool ProcessCommand();
+    QD_LOCAL bool ProcessCommand();
 
     std::string m_ThreadName;
 

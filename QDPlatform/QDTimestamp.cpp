@@ -2,7 +2,6 @@
 
 #include <QDPlatform/QDString.h>
 
-#include <algorithm>
 #include <cstring>
 #include <cwchar>
 #include <limits>
@@ -418,8 +417,12 @@ bool CQDTimestamp::GetTimeLeft(long long deadline, long long longestSeconds, lon
     // Unsigned: the distance from a negative time can exceed the signed range.
     const uint64_t ticks = static_cast<uint64_t>(deadline) - static_cast<uint64_t>(m_Value);
     const uint64_t allMicroseconds = ticks / kTicksPerMicrosecond + (ticks % kTicksPerMicrosecond != 0);
-    seconds = std::min(static_cast<long long>(allMicroseconds / 1000000), longestSeconds);
+    seconds = static_cast<long long>(allMicroseconds / 1000000);
     microseconds = static_cast<int>(allMicroseconds % 1000000);
+    if (seconds > longestSeconds) {
+        seconds = longestSeconds;
+        microseconds = 0;
+    }
     return true;
 }
 

@@ -18,7 +18,8 @@
 // within its range.
 // Conversions to and from POSIX time truncate toward zero, before 1970 too. On 32-bit systems `timespec` and `timeval`
 // have the size that the caller is compiled with, _TIME_BITS=64 or not, whatever the library was: the functions that
-// take them are inlined into the caller. A time that the caller's tv_sec cannot hold becomes the nearest that it can.
+// take them are inlined into the caller, and their addresses must not be taken. A time that the caller's tv_sec cannot
+// hold becomes the nearest that it can.
 // Thread: one at a time, like any plain value; Never is read-only.
 class QD_API CQDTimestamp
 {

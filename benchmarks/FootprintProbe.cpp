@@ -1,7 +1,7 @@
 // Loads libQDPlatform.so into a process that already has the libraries it stands on, and prints what that costs.
 //
-//   FootprintProbe LIBRARY...    one line of "name figure" each; LIBRARY is the last one's path, loaded after the
-//   others
+//   FootprintProbe LIBRARY...    one line of "name figure" each. The last LIBRARY, a path, is measured; the others are
+//                                loaded before it.
 //
 // scripts/footprint builds it alone and runs it many times; each run is one process, since a library is loaded once.
 // The memory figures come from /proc/self/smaps. In an emulated process these are the emulator's own mappings; the

@@ -4,13 +4,13 @@ set(CMAKE_SYSTEM_NAME Linux)
 
 # try_compile() reads a toolchain file anew, without this project's cache; the path is handed on to it.
 list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES QD_SYSROOT)
-if(NOT QD_SYSROOT)
+if(NOT IS_DIRECTORY "${QD_SYSROOT}")
     execute_process(COMMAND ${CMAKE_CURRENT_LIST_DIR}/../scripts/armhf-sysroot --path ${QD_DEBIAN_ARCHITECTURE}
         OUTPUT_VARIABLE qdSysroot OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_VARIABLE qdError RESULT_VARIABLE qdResult)
     if(NOT qdResult EQUAL 0)
         message(FATAL_ERROR "${qdError}")
     endif()
-    set(QD_SYSROOT "${qdSysroot}" CACHE PATH "Headers and libraries of the target")
+    set(QD_SYSROOT "${qdSysroot}" CACHE PATH "Headers and libraries of the target" FORCE)
 endif()
 set(CMAKE_SYSROOT "${QD_SYSROOT}")
 

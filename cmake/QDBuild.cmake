@@ -58,7 +58,7 @@ function(qd_build_library)
         CURL::libcurl OpenSSL::SSL OpenSSL::Crypto ZLIB::ZLIB Threads::Threads ${CMAKE_DL_LIBS})
     # --no-as-needed: each dependency stands in the library's NEEDED list, whether or not a call is made into it.
     # --enable-new-dtags: the path is a RUNPATH, which LD_LIBRARY_PATH can override on a bench.
-    # -Bsymbolic-functions: calls within the library are bound when it is linked, which halves the time to load it.
+    # -Bsymbolic-functions: calls within the library are bound when it is linked, which halves the relocations of each load.
     target_link_options(QDPlatform PRIVATE LINKER:--no-as-needed LINKER:--enable-new-dtags LINKER:-z,relro,-z,now
         LINKER:-Bsymbolic-functions LINKER:--version-script=${PROJECT_SOURCE_DIR}/cmake/QDPlatform.map)
     set_property(TARGET QDPlatform PROPERTY LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/QDPlatform.map)

@@ -74,8 +74,7 @@ pkg-config file qdplatform.")
 
     if(CMAKE_CROSSCOMPILING)
         # CPack takes the build machine's architecture, and the libraries that ours needs lie in the sysroot.
-        execute_process(COMMAND dpkg-architecture -f -t ${CMAKE_LIBRARY_ARCHITECTURE} -q DEB_HOST_ARCH
-            OUTPUT_VARIABLE CPACK_DEBIAN_PACKAGE_ARCHITECTURE OUTPUT_STRIP_TRAILING_WHITESPACE)
+        set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE ${QD_DEBIAN_ARCHITECTURE})
         set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
             ${CMAKE_SYSROOT}/lib/${CMAKE_LIBRARY_ARCHITECTURE} ${CMAKE_SYSROOT}/usr/lib/${CMAKE_LIBRARY_ARCHITECTURE})
     endif()

@@ -1,6 +1,7 @@
 #include <QDPlatform/QDSocketThread.h>
 
 #include <QDPlatform/COutputLog.h>
+#include <QDPlatform/QDTimestamp.h>
 
 #include "FaultPlan.h"
 #include "NextFunction.h"
@@ -1126,6 +1127,25 @@ TEST(CQDSocketThread, TimeoutIsCalledAtItsDeadlineAndTheLoopGoesOn)
     EXPECT_GE(calledAt.load(), deadline.load() - kTicksPerMillisecond);
     server.TriggerServerEvent(1);
     EXPECT_TRUE(WaitForLine(log, "OnSocketThreadEvent 1"));
+    EXPECT_EQ(log.Count("OnSocketThreadTimeout"), 1u);
+}
+
+TEST(CQDSocketThread, TimeoutBehindTheEndOf32BitTimesIsWaitedFor)
+{
+    constexpr long long kEndOf32BitTimes = 137919572480000000; // 2038-01-19 03:14:08
+    const ClockShift shift(2147483646);                        // at most two seconds before
+    RecordingLog log;
+    ProbeServer server(&log);
+    std::atomic<long long> calledAt{0};
+    server.m_NextTimeout = [&](long long) {
+        return calledAt.load() == 0 ? kEndOf32BitTimes + 20 * kTicksPerMillisecond : kNever;
+    };
+    server.m_AtTimeout = [&] { calledAt.store(CQDTimestamp::UTCNow().GetValue()); };
+
+    ASSERT_TRUE(server.StartSocketThread());
+    ASSERT_TRUE(WaitUntil([&] { return calledAt.load() != 0; }));
+
+    EXPECT_GE(calledAt.load(), kEndOf32BitTimes + 19 * kTicksPerMillisecond);
     EXPECT_EQ(log.Count("OnSocketThreadTimeout"), 1u);
 }
 

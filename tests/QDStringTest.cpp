@@ -962,6 +962,11 @@ TEST(QDString, EveryCodePointMakesTheRoundTripInOneRun)
     std::fill(utf32.begin(), utf32.end(), 0u);
     EXPECT_EQ(qd_utf32_from_utf8(utf8.data(), utf8Size, utf32.data(), count), count);
     EXPECT_EQ(utf32, all);
+    // A room that only stands for "enough", which pointers of 32 bits could not express.
+    EXPECT_EQ(qd_utf16_from_utf8(utf8.data(), utf8Size, utf16.data(), UINT_MAX), utf16Size);
+    EXPECT_EQ(qd_utf8_from_utf16(utf16.data(), utf16Size, utf8.data(), UINT_MAX), utf8Size);
+    EXPECT_EQ(qd_utf32_from_utf8(utf8.data(), utf8Size, utf32.data(), UINT_MAX), count);
+    EXPECT_EQ(utf32, all);
     EXPECT_EQ(qd_utf16len_of_utf8(utf8.data(), utf8Size, UINT_MAX), utf16Size);
     EXPECT_EQ(qd_utf32len_of_utf8(utf8.data(), utf8Size, UINT_MAX), count);
     EXPECT_EQ(qd_utf8len_of_utf16(utf16.data(), utf16Size, UINT_MAX), utf8Size);

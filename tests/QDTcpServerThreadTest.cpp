@@ -1695,6 +1695,26 @@ TEST(CQDTcpServerThread, TimeoutComesNoEarlierThanItsTime)
     EXPECT_LE(times.Get().front(), CQDTimestamp::UTCNow().GetValue());
 }
 
+TEST(CQDTcpServerThread, TimeoutBehindTheEndOf32BitTimesIsWaitedFor)
+{
+    constexpr long long kDeadline = 137919572480000000; // 2038-01-19 03:14:08
+    const ClockShift shift(2147483646);                 // at most two seconds before
+    COutputLogNull log;
+    OrderedCalls<long long> times;
+    WorkerBench bench(log);
+    bench.AddLink(1).SetTimeout(CQDTimestamp(kDeadline));
+    bench.Links().m_OnTimeout = [&](TestLink& link, const CQDTimestamp& now) {
+        times.Add(now.GetValue());
+        link.SetTimeout(CQDTimestamp::Never);
+        return LinkCallbackSuccess;
+    };
+
+    bench.Start();
+    ASSERT_TRUE(WaitUntil([&] { return bench.Links().m_TimeoutCalls.load() == 1; }));
+
+    EXPECT_GE(times.Get().front(), kDeadline);
+}
+
 TEST(CQDTcpServerThread, AllTimeoutsOfAPassSeeTheSameTime)
 {
     RecordingLog log;

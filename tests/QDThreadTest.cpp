@@ -873,6 +873,25 @@ TEST(CQDThread, TimeoutThatReturnsTrueGoesOn)
     EXPECT_EQ(thread.GetNotes(), (Calls{"start", "ask", "timeout", "ask", "timeout", "ask", "timeout", "stop"}));
 }
 
+TEST(CQDThread, DeadlineBehindTheEndOf32BitTimesIsWaitedFor)
+{
+    constexpr long long kEndOf32BitTimes = 137919572480000000; // 2038-01-19 03:14:08
+    const ClockShift shift(2147483646);                        // at most two seconds before
+    NotingThread thread;
+    std::atomic<long long> calledAt{0};
+    thread.m_Ask = [](const CQDTimestamp&) { return CQDTimestamp(kEndOf32BitTimes + 20 * kTicksPerMillisecond); };
+    thread.m_Timeout = [&] {
+        calledAt.store(CQDTimestamp::UTCNow().GetValue());
+        return false;
+    };
+
+    ASSERT_TRUE(thread.StartThread(nullptr));
+    thread.WaitThread();
+
+    EXPECT_GE(calledAt.load(), kEndOf32BitTimes + 19 * kTicksPerMillisecond);
+    EXPECT_EQ(thread.GetNotes(), (Calls{"start", "ask", "timeout", "stop"}));
+}
+
 TEST(CQDThread, DeadlineThatIsNotLaterThanNowPolls)
 {
     struct Case

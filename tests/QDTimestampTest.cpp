@@ -214,6 +214,21 @@ TEST(CQDTimestamp, UTCNowReadsTheRealTimeClock)
     EXPECT_LE(timestamp.GetValue(), ClockTicks() + kClockTolerance);
 }
 
+TEST(CQDTimestamp, BothClocksAreReadRightAfter2038)
+{
+    constexpr long long k2040 = 138534624000000000; // 2040-01-01
+    const ClockShift shift(2208988800);
+
+    const CQDTimestamp first = CQDTimestamp::UTCNow();
+    const FaultPlan plan("clock_gettime", 1, EINVAL, FaultPlan::Repeat::Forever);
+    const CQDTimestamp second = CQDTimestamp::UTCNow();
+
+    EXPECT_GE(first.GetValue(), k2040);
+    EXPECT_GE(second.GetValue(), first.GetValue());
+    EXPECT_LT(second.GetValue(), k2040 + CQDTimeInterval::TicksPerHour);
+    EXPECT_TRUE(plan.HasFailed());
+}
+
 TEST(CQDTimestamp, SetUTCDoesNotAskTheSecondClockWhenTheFirstAnswers)
 {
     CQDTimestamp timestamp;
@@ -946,17 +961,14 @@ TEST(CQDTimestamp, PosixTimesOfAnySizeWrap)
     ts.tv_nsec = std::numeric_limits<long>::max();
     timeval tv = {};
     tv.tv_sec = std::numeric_limits<time_t>::min();
-    tv.tv_usec = std::numeric_limits<suseconds_t>::min();
+    tv.tv_usec = std::numeric_limits<decltype(tv.tv_usec)>::min();
     CQDTimestamp timestamp;
 
     timestamp.SetFromTimeval(tv);
-    if (sizeof(time_t) == 8 && sizeof(suseconds_t) == 8) {
-        EXPECT_EQ(timestamp.GetValue(), kUnixEpoch); // both products are multiples of 2^64
-    }
+    EXPECT_EQ(timestamp.GetValue(), kUnixEpoch); // both products are multiples of 2^64
     timestamp.SetFromTimespec(ts);
-    if (sizeof(time_t) == 8 && sizeof(long) == 8) {
-        EXPECT_EQ(timestamp.GetValue(), kUnixEpoch - 10'000'000 + 92'233'720'368'547'758);
-    }
+    EXPECT_EQ(timestamp.GetValue(),
+              kUnixEpoch - 10'000'000 + (sizeof(ts.tv_nsec) == 8 ? 92'233'720'368'547'758 : 21'474'836));
     CQDTimestamp(kSmallest).GetAsTimespec(ts);
     CQDTimestamp(kSmallest).GetAsTimeval(tv);
 }

@@ -36,6 +36,8 @@ std::atomic<bool> g_Forever{false};
 std::atomic<int> g_Calls{0};
 std::atomic<bool> g_HasFailed{false};
 
+std::atomic<long long> g_ClockShiftSeconds{0};
+
 // Returns the error with which this call is to fail, or 0.
 int TakeFault(const char* function)
 {
@@ -90,6 +92,18 @@ bool FaultPlan::HasFailed() const
     return g_HasFailed.load();
 }
 
+ClockShift::ClockShift(long long unixSeconds)
+{
+    timespec now;
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    g_ClockShiftSeconds.store(unixSeconds - now.tv_sec);
+}
+
+ClockShift::~ClockShift()
+{
+    g_ClockShiftSeconds.store(0);
+}
+
 // Each function asks the plan and then calls the next definition. The look-up is kept in a static: it is the same for
 // the life of the process.
 #define QD_TEST_WRAP(name, parameters, arguments)                                                                      \
@@ -116,8 +130,28 @@ QD_TEST_WRAP(getsockopt, (int fd, int level, int name, void* value, socklen_t* l
 QD_TEST_WRAP(pipe2, (int* ends, int flags) noexcept, (ends, flags))
 QD_TEST_WRAP(select, (int count, fd_set* readable, fd_set* writable, fd_set* failed, timeval* timeout),
              (count, readable, writable, failed, timeout))
-QD_TEST_WRAP(clock_gettime, (clockid_t clock, timespec* now) noexcept, (clock, now))
-QD_TEST_WRAP(gettimeofday, (timeval * now, void* zone) noexcept, (now, zone))
+
+extern "C" int clock_gettime(clockid_t clock, timespec* now) noexcept
+{
+    static const auto next = NextFunction("clock_gettime", &clock_gettime);
+    if (const int error = TakeFault("clock_gettime"))
+        return FailWith(error);
+    const int result = next(clock, now);
+    if (result == 0 && clock == CLOCK_REALTIME)
+        now->tv_sec += static_cast<time_t>(g_ClockShiftSeconds.load());
+    return result;
+}
+
+extern "C" int gettimeofday(timeval* now, void* zone) noexcept
+{
+    static const auto next = NextFunction("gettimeofday", &gettimeofday);
+    if (const int error = TakeFault("gettimeofday"))
+        return FailWith(error);
+    const int result = next(now, zone);
+    if (result == 0)
+        now->tv_sec += static_cast<time_t>(g_ClockShiftSeconds.load());
+    return result;
+}
 
 // The errors of these come as the result, not in errno.
 extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*start)(void*),

@@ -25,3 +25,15 @@ public:
     // True once a call was made to fail.
     bool HasFailed() const;
 };
+
+// Moves the real-time clock: what clock_gettime(CLOCK_REALTIME) and gettimeofday() give the program, as long as the
+// object lives. Absolute waits of the C library go by the true clock.
+class ClockShift
+{
+public:
+    // From now on the clock goes on from `unixSeconds` after 1970. One shift at a time.
+    explicit ClockShift(long long unixSeconds);
+    ClockShift(const ClockShift&) = delete;
+    ClockShift& operator=(const ClockShift&) = delete;
+    ~ClockShift();
+};
