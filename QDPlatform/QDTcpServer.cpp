@@ -56,7 +56,7 @@ CQDTcpServer::CQDTcpServer(COutputLog* log, const char* name, unsigned short por
                            bool enableIPv6) :
     CQDSocketThread(log),
     m_Port(port),
-    m_LinksPerThread(std::min(linksPerThread, CQDTcpServerThread::kMaximumLinks)),
+    m_LinksPerThread(std::min(linksPerThread, unsigned{CQDTcpServerThread::kMaximumLinks})),
     m_IPv6Enabled(enableIPv6)
 {
     qd_strcpy(m_ServerName, sizeof m_ServerName, name);

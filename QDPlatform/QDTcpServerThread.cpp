@@ -36,7 +36,7 @@ CQDTcpServerThread::CQDTcpServerThread(COutputLog* log, CQDTcpServer* server, un
     m_pOutputLog(log),
     m_pServer(server),
     m_ThreadNumber(threadNumber),
-    m_LinkLimit(std::min(linkLimit, kMaximumLinks)),
+    m_LinkLimit(std::min(linkLimit, unsigned{kMaximumLinks})),
     m_LoggingLevel(logging),
     m_pPipe(std::make_unique<QDCommandPipe>(QDCommandPipe::WhenFull::Refuse))
 {

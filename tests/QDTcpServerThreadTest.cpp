@@ -1689,7 +1689,7 @@ TEST(CQDTcpServerThread, TimeoutComesNoEarlierThanItsTime)
     };
 
     bench.Start();
-    ASSERT_TRUE(WaitUntil([&] { return bench.Links().m_TimeoutCalls.load() == 1; }));
+    ASSERT_TRUE(WaitUntil([&] { return !times.Get().empty(); }));
 
     EXPECT_GE(times.Get().front(), deadline.GetValue());
     EXPECT_LE(times.Get().front(), CQDTimestamp::UTCNow().GetValue());
@@ -1710,7 +1710,7 @@ TEST(CQDTcpServerThread, TimeoutBehindTheEndOf32BitTimesIsWaitedFor)
     };
 
     bench.Start();
-    ASSERT_TRUE(WaitUntil([&] { return bench.Links().m_TimeoutCalls.load() == 1; }));
+    ASSERT_TRUE(WaitUntil([&] { return !times.Get().empty(); }));
 
     EXPECT_GE(times.Get().front(), kDeadline);
 }
@@ -1736,7 +1736,7 @@ TEST(CQDTcpServerThread, AllTimeoutsOfAPassSeeTheSameTime)
     };
 
     bench.Start();
-    ASSERT_TRUE(WaitUntil([&] { return bench.Links().m_TimeoutCalls.load() == 3; }));
+    ASSERT_TRUE(WaitUntil([&] { return calls.Get().size() == 3; }));
 
     const auto seen = calls.Get();
     EXPECT_EQ(seen[0].first, 1u);
