@@ -10,6 +10,8 @@
 #include <limits>
 #include <string>
 
+class CQDTimeZone;
+
 // A point in time: ticks of 100 nanoseconds since 1601-01-01 00:00:00 on the proleptic Gregorian calendar.
 //
 // Carries no time zone; by convention it holds UTC. A plain value: no virtual functions, copying copies the tick count.
@@ -177,6 +179,11 @@ public:
     // The result is that of SetDateAndHHMMSSFFF(): a time of day of any size is accepted (a negative number counts as
     // the unsigned one of the same 32 bits); false, with the value unchanged, when the date does not exist.
     bool ParseString(const std::string& text);
+
+    // Replace a UTC time by the local time of `zone`, or the other way round, by the rules of CQDTimeZone.
+    // zone: not kept. With null ToLocalTime() changes nothing; ToUTC() must not be given null.
+    void ToLocalTime(const CQDTimeZone* zone);
+    void ToUTC(const CQDTimeZone* zone);
 
 private:
     // What the conversions above are made of, in types that have one size for every caller.
