@@ -20,6 +20,8 @@ function(qd_compile_settings target)
         -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
     if(CMAKE_SIZEOF_VOID_P EQUAL 4)
         target_compile_definitions(${target} PRIVATE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
+        # No notes on how compilers before GCC 7.1 passed arguments.
+        target_compile_options(${target} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wno-psabi>)
     endif()
     if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
         target_compile_options(${target} PRIVATE -Wthread-safety)

@@ -1,7 +1,9 @@
 // The texts of numbers beside those of the C library: random values, all exponents and what lies near decimal
-// boundaries; and under a locale whose decimal point is a comma. The program also brings its own operator new[], so
-// that an array beyond a limit cannot be had.
+// boundaries; and under a locale whose decimal point is a comma.
 #include <QDPlatform/CTextOutput.h>
+
+#include "AllocationCounter.h"
+#include "RecordingTextOutput.h"
 
 #include <gtest/gtest.h>
 
@@ -20,45 +22,6 @@
 #include <optional>
 #include <random>
 #include <string>
-
-#include "RecordingTextOutput.h"
-
-namespace
-{
-
-std::size_t g_LargestArray = std::numeric_limits<std::size_t>::max(); // bytes
-
-// Lowers the limit while it lives.
-class ArrayLimit
-{
-public:
-    explicit ArrayLimit(std::size_t size) { g_LargestArray = size; }
-
-    ~ArrayLimit() { g_LargestArray = std::numeric_limits<std::size_t>::max(); }
-
-    ArrayLimit(const ArrayLimit&) = delete;
-    ArrayLimit& operator=(const ArrayLimit&) = delete;
-};
-
-} // namespace
-
-void* operator new[](std::size_t size)
-{
-    void* const memory = size <= g_LargestArray ? std::malloc(size != 0 ? size : 1) : nullptr;
-    if (memory == nullptr)
-        throw std::bad_alloc();
-    return memory;
-}
-
-void operator delete[](void* memory) noexcept
-{
-    std::free(memory);
-}
-
-void operator delete[](void* memory, std::size_t) noexcept
-{
-    std::free(memory);
-}
 
 namespace
 {
@@ -353,7 +316,7 @@ TEST(CTextOutput, FormatBufferStaysWhenThereIsNoMemoryToGrow)
 {
     BufferedOutput output;
     {
-        const ArrayLimit limit(1023);
+        const AllocationLimit limit(1023);
         EXPECT_THROW(output.Print("%600d", 1), std::bad_alloc);
     }
     EXPECT_EQ(output.GetCapacity(), 512u);

@@ -1,10 +1,10 @@
-// Zone files made for each test. The program also brings its own operator new, so that memory beyond a limit cannot be
-// had on any machine.
+// Zone files made for each test.
 #include <QDPlatform/QDTimeZone.h>
 
 #include <QDPlatform/CTextOutput.h>
 #include <QDPlatform/QDTimestamp.h>
 
+#include "AllocationCounter.h"
 #include "FaultPlan.h"
 #include "ZoneFile.h"
 
@@ -21,7 +21,6 @@
 #include <random>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 namespace
@@ -31,66 +30,6 @@ constexpr long long kSecond = 10'000'000;
 constexpr long long kHour = 3600 * kSecond;
 constexpr long long kUnixEpoch = 116444736000000000;
 constexpr long long kLargest = 0x7FFFFFFFFFFFFFFF;
-
-std::size_t g_LargestAllocation = 32 << 20;
-
-// Lowers the limit while it lives.
-class AllocationLimit
-{
-public:
-    explicit AllocationLimit(std::size_t size) : m_Old(std::exchange(g_LargestAllocation, size)) {}
-
-    AllocationLimit(const AllocationLimit&) = delete;
-    AllocationLimit& operator=(const AllocationLimit&) = delete;
-
-    ~AllocationLimit() { g_LargestAllocation = m_Old; }
-
-private:
-    std::size_t m_Old;
-};
-
-void* Allocate(std::size_t size)
-{
-    void* memory = size <= g_LargestAllocation ? std::malloc(size != 0 ? size : 1) : nullptr;
-    if (memory == nullptr)
-        throw std::bad_alloc();
-    return memory;
-}
-
-} // namespace
-
-void* operator new(std::size_t size)
-{
-    return Allocate(size);
-}
-
-void* operator new[](std::size_t size)
-{
-    return Allocate(size);
-}
-
-void operator delete(void* memory) noexcept
-{
-    std::free(memory);
-}
-
-void operator delete[](void* memory) noexcept
-{
-    std::free(memory);
-}
-
-void operator delete(void* memory, std::size_t) noexcept
-{
-    std::free(memory);
-}
-
-void operator delete[](void* memory, std::size_t) noexcept
-{
-    std::free(memory);
-}
-
-namespace
-{
 
 long long Unix(long long seconds)
 {

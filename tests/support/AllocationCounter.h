@@ -16,3 +16,19 @@ public:
 private:
     std::size_t m_Start;
 };
+
+// Makes each operator new of more than `size` bytes, in the whole process, throw std::bad_alloc as long as it lives.
+// Without one the limit is kUsualLimit, so that a huge request fails on every machine alike.
+class AllocationLimit
+{
+public:
+    static constexpr std::size_t kUsualLimit = 32 << 20; // bytes
+
+    explicit AllocationLimit(std::size_t size);
+    AllocationLimit(const AllocationLimit&) = delete;
+    AllocationLimit& operator=(const AllocationLimit&) = delete;
+    ~AllocationLimit();
+
+private:
+    std::size_t m_Old;
+};
