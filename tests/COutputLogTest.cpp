@@ -17,6 +17,7 @@
 
 #include "AllocationCounter.h"
 #include "RecordingLog.h"
+#include "ScopedLocale.h"
 #include "VirtualSlot.h"
 
 namespace
@@ -84,24 +85,6 @@ public:
     unsigned int m_Count{0};
     unsigned int m_Length{0};
     char m_Text[2000];
-};
-
-// Sets the process locale for one test, or for one turn of a loop in a test.
-class ScopedLocale
-{
-public:
-    explicit ScopedLocale(const char* name) : m_Old(std::setlocale(LC_ALL, nullptr))
-    {
-        EXPECT_NE(std::setlocale(LC_ALL, name), nullptr);
-    }
-
-    ~ScopedLocale() { std::setlocale(LC_ALL, m_Old.c_str()); }
-
-    ScopedLocale(const ScopedLocale&) = delete;
-    ScopedLocale& operator=(const ScopedLocale&) = delete;
-
-private:
-    std::string m_Old;
 };
 
 const char* const kLocales[] = {"C", "C.UTF-8"};

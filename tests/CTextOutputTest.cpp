@@ -24,6 +24,7 @@
 
 #include "AllocationCounter.h"
 #include "RecordingTextOutput.h"
+#include "ScopedLocale.h"
 #include "VirtualSlot.h"
 
 namespace
@@ -66,23 +67,6 @@ public:
         return {&m_LineTermination,          &m_TextLocation,  &m_IndentLevel,         &m_IndentCharacter,
                 &m_IndentCharactersPerLevel, &m_pFormatBuffer, &m_FormatBufferCapacity};
     }
-};
-
-class ScopedLocale
-{
-public:
-    explicit ScopedLocale(const char* name) : m_Old(std::setlocale(LC_ALL, nullptr))
-    {
-        EXPECT_NE(std::setlocale(LC_ALL, name), nullptr);
-    }
-
-    ~ScopedLocale() { std::setlocale(LC_ALL, m_Old.c_str()); }
-
-    ScopedLocale(const ScopedLocale&) = delete;
-    ScopedLocale& operator=(const ScopedLocale&) = delete;
-
-private:
-    std::string m_Old;
 };
 
 // A copy of the text in an array of its very size, so that the address sanitizer sees what is read beyond it.
