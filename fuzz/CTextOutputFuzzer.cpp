@@ -3,6 +3,8 @@
 #include <QDPlatform/CTextOutput.h>
 #include <QDPlatform/QDString.h>
 
+#include "support/ExactCopy.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
@@ -46,16 +48,6 @@ CodePoints Written(Print&& print)
     KeepingOutput output;
     print(output);
     return output.m_Written;
-}
-
-// A copy of exactly the size, so that the sanitizer sees what is read beyond it.
-template<class Unit>
-std::unique_ptr<Unit[]> ExactCopy(const uint8_t* data, size_t count)
-{
-    std::unique_ptr<Unit[]> copy(new Unit[count]);
-    if (count != 0)
-        std::memcpy(copy.get(), data, count * sizeof(Unit));
-    return copy;
 }
 
 CodePoints Decode(const uint8_t* p, const uint8_t* end)

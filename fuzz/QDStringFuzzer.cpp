@@ -2,11 +2,12 @@
 
 #include <QDPlatform/QDString.h>
 
+#include "support/ExactCopy.h"
+
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <vector>
 
@@ -80,16 +81,6 @@ void Compare(unsigned (*convert)(const From*, unsigned, To*, unsigned),
     Require(std::equal(expected.begin(), expected.end(), dst.get()));
     Require(std::count(dst.get() + written, dst.get() + capacity, kUntouched) == capacity - written);
     Require(measure(src, size, capacity) == written);
-}
-
-// A copy of exactly the size, so that the sanitizer sees what is read beyond it.
-template<class Unit>
-std::unique_ptr<Unit[]> ExactCopy(const uint8_t* data, size_t count)
-{
-    std::unique_ptr<Unit[]> copy(new Unit[count]);
-    if (count != 0)
-        std::memcpy(copy.get(), data, count * sizeof(Unit));
-    return copy;
 }
 
 } // namespace
