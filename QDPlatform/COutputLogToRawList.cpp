@@ -1,5 +1,7 @@
 #include <QDPlatform/COutputLogToRawList.h>
 
+#include <QDPlatform/CTextOutput.h>
+
 #include <algorithm>
 #include <cstdarg>
 #include <cstddef>
@@ -65,6 +67,14 @@ void COutputLogToRawList::ForwardOutputLog(COutputLog* target) const
     for (std::size_t remaining = m_Entries.size(); remaining != 0; --remaining, ++entry)
         target->AppendMessage(entry->type, entry->code, entry->text.c_str(),
                               static_cast<unsigned int>(entry->text.size()));
+}
+
+void COutputLogToRawList::ForwardOutputLog(CTextOutput* target) const
+{
+    // Counted beforehand here too: the target may write to this very list.
+    auto entry = m_Entries.begin();
+    for (std::size_t remaining = m_Entries.size(); remaining != 0; --remaining, ++entry)
+        target->PrintLine("%s", entry->text.c_str());
 }
 
 bool COutputLogToRawList::operator==(const COutputLogToRawList& other) const

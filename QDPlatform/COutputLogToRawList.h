@@ -6,6 +6,8 @@
 #include <list>
 #include <string>
 
+class CTextOutput;
+
 // A log that keeps every message with its type and code, in order of arrival.
 //
 // Out of memory throws std::bad_alloc.
@@ -49,6 +51,10 @@ public:
 
     // Hands the entries that are in the list now to the target's AppendMessage(), in order, with their types and codes.
     void ForwardOutputLog(COutputLog* target) const;
+
+    // Prints the text of each entry that is in the list now as a line of the target, in order, with its PrintLine() and
+    // the format "%s": up to the first NUL of the text. Types and codes are dropped.
+    void ForwardOutputLog(CTextOutput* target) const;
 
     // Equal: as many entries, and those at the same place have the same type, code and text.
     bool operator==(const COutputLogToRawList& other) const;

@@ -48,7 +48,7 @@ function(qd_build_library)
     set_target_properties(qdplatform-objects PROPERTIES
         POSITION_INDEPENDENT_CODE ON CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
     target_include_directories(qdplatform-objects PUBLIC ${PROJECT_SOURCE_DIR})
-    target_link_libraries(qdplatform-objects PUBLIC Threads::Threads)
+    target_link_libraries(qdplatform-objects PUBLIC OpenSSL::Crypto Threads::Threads)
 
     add_library(QDPlatform SHARED $<TARGET_OBJECTS:qdplatform-objects>)
     add_library(QDPlatform::QDPlatform ALIAS QDPlatform)

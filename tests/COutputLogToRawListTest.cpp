@@ -1,5 +1,7 @@
 #include <QDPlatform/COutputLogToRawList.h>
 
+#include <QDPlatform/CTextOutputToOutputLog.h>
+
 #include <cstddef>
 #include <cwchar>
 #include <string>
@@ -10,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "RecordingLog.h"
+#include "RecordingTextOutput.h"
 #include "VirtualSlot.h"
 
 using LogEntry = COutputLogToRawList::LogEntry;
@@ -279,6 +282,56 @@ TEST(COutputLogToRawList, ForwardToItselfDoublesTheListAndEnds)
     std::string text;
     log.GetConsolidatedOutputLogText(text);
     EXPECT_EQ(text, "one\ntwo\nthree\none\ntwo\nthree\n");
+}
+
+TEST(COutputLogToRawList, ForwardToAWriterPrintsEachTextAsALine)
+{
+    COutputLogToRawList log;
+    FillWithThree(log);
+    log.PrintString("100 %s");
+    log.PrintString("");
+    log.PrintString(std::string(1000, 'x'));
+    RecordingTextOutput target;
+    target.AdjustIndent(1);
+    CTextOutput* const writer = &target;
+
+    log.ForwardOutputLog(writer);
+
+    EXPECT_EQ(target.GetText(), "\tone\r\n\ttwo\r\n\tthree\r\n\t100 %s\r\n\t\r\n\t" + std::string(1000, 'x') + "\r\n");
+    EXPECT_EQ(log.GetEntries().size(), 6u);
+}
+
+TEST(COutputLogToRawList, ForwardToAWriterEndsATextAtItsNul)
+{
+    COutputLogToRawList log;
+    log.PrintString(std::string("a\0b", 3));
+    RecordingTextOutput target;
+
+    log.ForwardOutputLog(&target);
+
+    EXPECT_EQ(target.GetText(), "a\r\n");
+}
+
+TEST(COutputLogToRawList, ForwardOfAnEmptyListWritesNothing)
+{
+    const COutputLogToRawList log;
+    RecordingTextOutput target;
+
+    log.ForwardOutputLog(&target);
+
+    EXPECT_EQ(target.GetCallCount(), 0u);
+}
+
+TEST(COutputLogToRawList, ForwardToAWriterIntoTheSameListDoublesItAndEnds)
+{
+    COutputLogToRawList log;
+    FillWithThree(log);
+    CTextOutputToOutputLog target(&log);
+
+    log.ForwardOutputLog(&target);
+
+    ASSERT_EQ(log.GetEntries().size(), 6u);
+    ExpectEntry(log.GetEntries().back(), COutputLog::Info, 0, "three");
 }
 
 TEST(COutputLogToRawList, ComparisonLooksAtCountTypeCodeTextAndOrder)

@@ -3,23 +3,21 @@
 #include <QDPlatform/CTextOutput.h>
 
 #include "AllocationCounter.h"
+#include "CommaLocale.h"
 #include "RecordingTextOutput.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <bit>
-#include <clocale>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <limits>
 #include <new>
-#include <optional>
 #include <random>
 #include <string>
 
@@ -219,67 +217,6 @@ TEST(CTextOutput, TiesOfFloatsHaveTheTextOfTheCLibrary)
             ASSERT_TRUE(comparison.CheckFloat(std::ldexp(static_cast<float>(numerator), -fractionBits)));
     }
 }
-
-// Sets a locale whose decimal point is a comma, for one test: one of the system's, or one made for the purpose.
-class CommaLocale
-{
-public:
-    CommaLocale() : m_OldLocale(std::setlocale(LC_ALL, nullptr))
-    {
-        for (const char* const name : {"de_DE.UTF-8", "de_DE.utf8", "fr_FR.UTF-8", "ru_RU.UTF-8", "nl_NL.UTF-8"}) {
-            if (Set(name))
-                return;
-        }
-        char pattern[] = "/tmp/qd-locale-XXXXXX";
-        if (::mkdtemp(pattern) == nullptr)
-            return;
-        m_Folder = pattern;
-        if (const char* const path = std::getenv("LOCPATH"))
-            m_OldPath = path;
-        const std::string command = "localedef -i de_DE -f UTF-8 " + m_Folder + "/comma >/dev/null 2>&1";
-        m_IsMade = std::system(command.c_str()) == 0;
-        ::setenv("LOCPATH", m_Folder.c_str(), 1);
-        Set("comma");
-    }
-
-    ~CommaLocale()
-    {
-        std::setlocale(LC_ALL, m_OldLocale.c_str());
-        if (m_Folder.empty())
-            return;
-        if (m_OldPath)
-            ::setenv("LOCPATH", m_OldPath->c_str(), 1);
-        else
-            ::unsetenv("LOCPATH");
-        std::filesystem::remove_all(m_Folder);
-    }
-
-    CommaLocale(const CommaLocale&) = delete;
-    CommaLocale& operator=(const CommaLocale&) = delete;
-
-    bool IsSet() const { return m_IsSet; }
-
-    const char* GetReason() const
-    {
-        return m_IsMade ? "the C library does not take the locale that localedef made"
-                        : "there is no locale with a comma, and localedef cannot make one";
-    }
-
-private:
-    bool Set(const char* name)
-    {
-        m_IsSet = std::setlocale(LC_ALL, name) != nullptr && std::strcmp(std::localeconv()->decimal_point, ",") == 0;
-        if (!m_IsSet)
-            std::setlocale(LC_ALL, m_OldLocale.c_str());
-        return m_IsSet;
-    }
-
-    std::string m_OldLocale;
-    std::optional<std::string> m_OldPath; // of LOCPATH, when that was set; meaningful with a folder
-    std::string m_Folder;
-    bool m_IsMade{false};
-    bool m_IsSet{false};
-};
 
 TEST(CTextOutput, NumbersAndDatesKeepTheirPointInALocaleWithAComma)
 {

@@ -1,6 +1,7 @@
 #include <QDPlatform/QDLocale.h>
 
 #include "NextFunction.h"
+#include "ScopedVariable.h"
 
 #include <gtest/gtest.h>
 
@@ -9,10 +10,8 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <map>
-#include <optional>
 #include <set>
 #include <string>
 #include <type_traits>
@@ -84,35 +83,6 @@ public:
 private:
     std::string m_Saved;
     std::vector<LocaleCall> m_Calls;
-};
-
-// Sets a variable of the environment, or unsets it for a null value, and puts back what was there.
-class EnvironmentGuard
-{
-public:
-    EnvironmentGuard(const char* name, const char* value) : m_Name(name)
-    {
-        if (const char* saved = std::getenv(name))
-            m_Saved = saved;
-        Set(value);
-    }
-
-    EnvironmentGuard(const EnvironmentGuard&) = delete;
-    EnvironmentGuard& operator=(const EnvironmentGuard&) = delete;
-
-    ~EnvironmentGuard() { Set(m_Saved ? m_Saved->c_str() : nullptr); }
-
-private:
-    void Set(const char* value)
-    {
-        if (value != nullptr)
-            setenv(m_Name, value, 1);
-        else
-            unsetenv(m_Name);
-    }
-
-    const char* m_Name;
-    std::optional<std::string> m_Saved;
 };
 
 // A locale that is none of those that the tests set.
@@ -483,8 +453,8 @@ TEST(CQDLocale, SetFromCurrentUserAsksLANGUAGEThenLANGThenTakesUsEnglish)
 
     for (const auto& c : kCases) {
         SCOPED_TRACE(c.m_Result);
-        const EnvironmentGuard language("LANGUAGE", c.m_Language);
-        const EnvironmentGuard lang("LANG", c.m_Lang);
+        const ScopedVariable language("LANGUAGE", c.m_Language);
+        const ScopedVariable lang("LANG", c.m_Lang);
         CQDLocale locale = PreviousLocale();
 
         EXPECT_TRUE(locale.SetFromCurrentUser());
@@ -495,10 +465,10 @@ TEST(CQDLocale, SetFromCurrentUserAsksLANGUAGEThenLANGThenTakesUsEnglish)
 
 TEST(CQDLocale, SetFromCurrentUserLooksAtNoOtherVariable)
 {
-    const EnvironmentGuard language("LANGUAGE", nullptr);
-    const EnvironmentGuard lang("LANG", nullptr);
-    const EnvironmentGuard all("LC_ALL", "de_DE.UTF-8");
-    const EnvironmentGuard messages("LC_MESSAGES", "de_DE.UTF-8");
+    const ScopedVariable language("LANGUAGE", nullptr);
+    const ScopedVariable lang("LANG", nullptr);
+    const ScopedVariable all("LC_ALL", "de_DE.UTF-8");
+    const ScopedVariable messages("LC_MESSAGES", "de_DE.UTF-8");
     CQDLocale locale;
 
     EXPECT_TRUE(locale.SetFromCurrentUser());

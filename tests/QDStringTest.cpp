@@ -11,6 +11,7 @@
 #include <cstring>
 #include <cwchar>
 #include <functional>
+#include <limits>
 #include <map>
 #include <memory>
 #include <random>
@@ -544,6 +545,33 @@ TEST(QDString, SprintfTakesAnOldErrorForNothing)
     EXPECT_EQ(qd_sprintf(buffer, sizeof buffer, "%d", 12345), 0x7FFFFFFF);
     errno = EILSEQ;
     EXPECT_EQ(qd_sprintf(buffer, sizeof buffer, "%d", 1), 1);
+}
+
+// What is written without the C library's formatter, and what is not, in one format.
+TEST(QDString, SprintfTakesItsArgumentsFromTheFirstOneInEveryCase)
+{
+    const char* const volatile nothing = nullptr;
+    const double infinity = std::numeric_limits<double>::infinity();
+    char buffer[32];
+
+    EXPECT_EQ(qd_sprintf(buffer, sizeof buffer, "%d %s %.1f", 1, "a", 2.5), 7);
+    EXPECT_STREQ(buffer, "1 a 2.5");
+    EXPECT_EQ(qd_sprintf(buffer, sizeof buffer, "%d %s %.1f %d", 1, "a", infinity, 2), 9);
+    EXPECT_STREQ(buffer, "1 a inf 2");
+    EXPECT_EQ(qd_sprintf(buffer, sizeof buffer, "%d %.1f %s", 1, 2.5, nothing), 12);
+    EXPECT_STREQ(buffer, "1 2.5 (null)");
+    EXPECT_EQ(qd_sbcnprintf(buffer, sizeof buffer, "%d %s %.1f %g", 1, "a", 2.5, 3.5), 11);
+    EXPECT_STREQ(buffer, "1 a 2.5 3.5");
+}
+
+TEST(QDString, SprintfOfALongTextReturnsItsLength)
+{
+    const std::string text(5000, 'x');
+    std::vector<char> buffer(6000);
+
+    EXPECT_EQ(qd_sprintf(buffer.data(), 6000, "%d: %s", 7, text.c_str()), 5003);
+
+    EXPECT_EQ(std::string(buffer.data()), "7: " + text);
 }
 
 TEST(QDString, VsprintfIsSprintfWithAList)

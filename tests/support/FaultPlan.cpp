@@ -2,12 +2,15 @@
 
 #include "NextFunction.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <netdb.h>
 #include <pthread.h>
+#include <semaphore.h>
 #include <sys/ioctl.h>
 #include <sys/select.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
@@ -23,10 +26,12 @@ namespace
 {
 
 constexpr const char* kFunctions[] = {
-    "socket",         "bind",       "listen",      "accept4",     "setsockopt", "ioctl",         "pipe2",
-    "pthread_create", "select",     "read",        "recv",        "send",       "clock_gettime", "gettimeofday",
-    "shutdown",       "getsockopt", "getpeername", "getsockname", "connect",    "open",          "pthread_mutex_init",
-    "getnameinfo",    "write"};
+    "socket",          "bind",       "listen",      "accept4",     "setsockopt",  "ioctl",         "pipe2",
+    "pthread_create",  "select",     "read",        "recv",        "send",        "clock_gettime", "gettimeofday",
+    "shutdown",        "getsockopt", "getpeername", "getsockname", "connect",     "open",          "pthread_mutex_init",
+    "getnameinfo",     "write",      "close",       "lseek",       "ftruncate",   "fstat",         "stat",
+    "unlink",          "rename",     "mkdir",       "rmdir",       "readlink",    "opendir",       "readdir",
+    "copy_file_range", "sem_open",   "sem_wait",    "sem_post",    "gethostname", "fsync"};
 
 // The plan in force. Written before and after the threads under test run their calls, read in all of them.
 std::atomic<const char*> g_Function{nullptr};
@@ -128,6 +133,17 @@ QD_TEST_WRAP(setsockopt, (int fd, int level, int name, const void* value, sockle
 QD_TEST_WRAP(getsockopt, (int fd, int level, int name, void* value, socklen_t* length) noexcept,
              (fd, level, name, value, length))
 QD_TEST_WRAP(pipe2, (int* ends, int flags) noexcept, (ends, flags))
+QD_TEST_WRAP(ftruncate, (int fd, off_t length) noexcept, (fd, length))
+QD_TEST_WRAP(fstat, (int fd, struct stat* status) noexcept, (fd, status))
+QD_TEST_WRAP(stat, (const char* path, struct stat* status) noexcept, (path, status))
+QD_TEST_WRAP(unlink, (const char* path) noexcept, (path))
+QD_TEST_WRAP(rename, (const char* from, const char* to) noexcept, (from, to))
+QD_TEST_WRAP(mkdir, (const char* path, mode_t mode) noexcept, (path, mode))
+QD_TEST_WRAP(rmdir, (const char* path) noexcept, (path))
+QD_TEST_WRAP(sem_wait, (sem_t * semaphore), (semaphore))
+QD_TEST_WRAP(sem_post, (sem_t * semaphore) noexcept, (semaphore))
+QD_TEST_WRAP(gethostname, (char* name, size_t size) noexcept, (name, size))
+QD_TEST_WRAP(fsync, (int fd), (fd))
 QD_TEST_WRAP(select, (int count, fd_set* readable, fd_set* writable, fd_set* failed, timeval* timeout),
              (count, readable, writable, failed, timeout))
 
@@ -237,4 +253,78 @@ extern "C" int open(const char* path, int flags, ...)
     if (const int error = TakeFault("open"))
         return FailWith(error);
     return next(path, flags, mode);
+}
+
+// A close that fails has closed the descriptor all the same; see close(2).
+extern "C" int close(int fd)
+{
+    static const auto next = NextFunction("close", &close);
+    const int result = next(fd);
+    if (const int error = TakeFault("close"))
+        return FailWith(error);
+    return result;
+}
+
+extern "C" off_t lseek(int fd, off_t offset, int whence) noexcept
+{
+    static const auto next = NextFunction("lseek", &lseek);
+    if (const int error = TakeFault("lseek"))
+        return FailWith(error);
+    return next(fd, offset, whence);
+}
+
+extern "C" ssize_t readlink(const char* path, char* buffer, size_t size) noexcept
+{
+    static const auto next = NextFunction("readlink", &readlink);
+    if (const int error = TakeFault("readlink"))
+        return FailWith(error);
+    return next(path, buffer, size);
+}
+
+extern "C" DIR* opendir(const char* path)
+{
+    static const auto next = NextFunction("opendir", &opendir);
+    if (const int error = TakeFault("opendir")) {
+        errno = error;
+        return nullptr;
+    }
+    return next(path);
+}
+
+extern "C" dirent* readdir(DIR* folder)
+{
+    static const auto next = NextFunction("readdir", &readdir);
+    if (const int error = TakeFault("readdir")) {
+        errno = error;
+        return nullptr;
+    }
+    return next(folder);
+}
+
+extern "C" ssize_t copy_file_range(int from, off64_t* fromOffset, int to, off64_t* toOffset, size_t size,
+                                   unsigned int flags)
+{
+    static const auto next = NextFunction("copy_file_range", &copy_file_range);
+    if (const int error = TakeFault("copy_file_range"))
+        return FailWith(error);
+    return next(from, fromOffset, to, toOffset, size, flags);
+}
+
+extern "C" sem_t* sem_open(const char* name, int flags, ...) noexcept
+{
+    static const auto next = NextFunction("sem_open", &sem_open);
+    mode_t mode = 0;
+    unsigned int value = 0;
+    if ((flags & O_CREAT) != 0) {
+        va_list arguments;
+        va_start(arguments, flags);
+        mode = va_arg(arguments, mode_t);
+        value = va_arg(arguments, unsigned int);
+        va_end(arguments);
+    }
+    if (const int error = TakeFault("sem_open")) {
+        errno = error;
+        return SEM_FAILED;
+    }
+    return next(name, flags, mode, value);
 }

@@ -23,6 +23,11 @@ Function* NextFunction(const char* name, Function* function)
                                            {"getsockopt", "__getsockopt64"},
                                            {"ioctl", "__ioctl_time64"},
                                            {"open", "open64"},
+                                           {"lseek", "lseek64"},
+                                           {"ftruncate", "ftruncate64"},
+                                           {"fstat", "__fstat64_time64"},
+                                           {"stat", "__stat64_time64"},
+                                           {"readdir", "readdir64"},
                                            {"pthread_timedjoin_np", "__pthread_timedjoin_np64"}};
     for (const auto& [plain, other] : kSymbols) {
         if (std::strcmp(plain, name) == 0)

@@ -1,0 +1,14 @@
+#include <QDPlatform/QDFileSystem.h>
+
+#include <QDPlatform/QDFileUnix.h>
+
+QDFileSystem* QDFileSystem::GetInstance()
+{
+    static QDFileSystem instance;
+    return &instance;
+}
+
+QDFile* QDFileSystem::GetFile()
+{
+    return new QDFileUnix;
+}
