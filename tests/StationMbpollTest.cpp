@@ -1,6 +1,7 @@
 // The station and a Modbus client that others wrote: mbpoll. It numbers registers and coils from 1.
 #include "ChildProcess.h"
 #include "LoopbackClient.h"
+#include "TemporaryFolder.h"
 
 #include <QDPlatform/QDTimestamp.h>
 
@@ -8,6 +9,8 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <cstdio>
+#include <ctime>
 #include <map>
 #include <sstream>
 #include <string>
@@ -45,8 +48,9 @@ protected:
         m_Station.Signal(SIGTERM);
         EXPECT_EQ(m_Station.WaitForExit(), 0);
         EXPECT_EQ(m_Station.GetErrors(), "");
-        EXPECT_THAT(m_Station.GetOutput(), AllOf(HasSubstr(" Station: stopping on signal 15\n"),
-                                                 testing::EndsWith(" Station: stopped\n"), Not(HasSubstr("rror"))));
+        EXPECT_THAT(ReadFileText(m_Folder / "station_001.log"),
+                    AllOf(HasSubstr(" Station: stopping on signal 15\n"), HasSubstr(" Station: stopped\n"),
+                          Not(HasSubstr("Error ")), Not(HasSubstr("error "))));
     }
 
     // Runs mbpoll once. -o: seconds that it waits for an answer.
@@ -70,7 +74,8 @@ protected:
     using Values = std::map<int, long>;
 
     ReservedPort m_Port;
-    ChildProcess m_Station{{STATION_PROGRAM, "-port", std::to_string(m_Port.Get())}};
+    TemporaryFolder m_Folder;
+    ChildProcess m_Station{{STATION_PROGRAM, "-port", std::to_string(m_Port.Get()), "-logdir", m_Folder.GetPath()}};
 };
 
 } // namespace

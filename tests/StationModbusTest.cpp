@@ -146,8 +146,8 @@ protected:
         const uint16_t lastRegister[] = {0xBEEF};
         EXPECT_TRUE(m_Image.WriteCoils(0, coils));
         EXPECT_TRUE(m_Image.WriteCoils(2047, lastCoil));
-        EXPECT_TRUE(m_Image.WriteHoldingRegisters(0, registers));
-        EXPECT_TRUE(m_Image.WriteHoldingRegisters(1023, lastRegister));
+        EXPECT_EQ(m_Image.WriteHoldingRegisters(0, registers), ProcessImage::WriteResult::Written);
+        EXPECT_EQ(m_Image.WriteHoldingRegisters(1023, lastRegister), ProcessImage::WriteResult::Written);
     }
 
     std::string Answer(const ByteBuffer& request) { return Hex(AnswerModbusRequest(request, m_Image)); }
@@ -342,6 +342,21 @@ TEST_F(ModbusRequest, Function16WritesUpTo123Registers)
     EXPECT_EQ(Answer(tooLong), "9003");
 }
 
+TEST_F(ModbusRequest, RegistersThatCannotBeKeptAreRefusedAndNotWritten)
+{
+    ProcessImage::HoldingRegisters registers{0xAE41, 0x5652, 0x4340};
+    m_Image.KeepHoldingRegisters(registers, [](const ProcessImage::HoldingRegisters&) { return false; });
+
+    ExpectAnswers({
+        {"one", "06 0001 0003", "86 04"},
+        {"two", "10 0001 0002 04 000A 0102", "90 04"},
+        {"neither is there", "03 0000 0003", "03 06 AE41 5652 4340"},
+        {"address before keeping", "06 0400 0001", "86 02"},
+        {"value before keeping", "10 0001 0002 03 000A 0102", "90 03"},
+        {"coils need no keeping", "05 0001 FF00", "05 0001 FF00"},
+    });
+}
+
 TEST_F(ModbusRequest, OtherFunctionsAreIllegal)
 {
     ExpectAnswers({
@@ -366,6 +381,99 @@ TEST(ProcessImage, StartsWithEverythingOffAndZero)
 
     EXPECT_EQ(coils, decltype(coils){});
     EXPECT_EQ(registers, decltype(registers){});
+}
+
+TEST(ProcessImage, StartsWithTheRegistersThatWereKept)
+{
+    ProcessImage image;
+    ProcessImage::HoldingRegisters kept{1, 2, 3};
+    kept.back() = 4;
+    ProcessImage::HoldingRegisters registers;
+
+    image.KeepHoldingRegisters(kept, [](const ProcessImage::HoldingRegisters&) { return true; });
+
+    ASSERT_TRUE(image.ReadHoldingRegisters(0, registers));
+    EXPECT_EQ(registers, kept);
+}
+
+TEST(ProcessImage, ChangeIsKeptWholeBeforeReadersSeeIt)
+{
+    ProcessImage image;
+    ProcessImage::HoldingRegisters kept{};
+    ProcessImage::HoldingRegisters seen{};
+    image.KeepHoldingRegisters({5, 6, 7}, [&](const ProcessImage::HoldingRegisters& changed) {
+        kept = changed;
+        return image.ReadHoldingRegisters(0, seen); // waits for nobody
+    });
+    const uint16_t values[] = {60, 70};
+
+    EXPECT_EQ(image.WriteHoldingRegisters(1, values), ProcessImage::WriteResult::Written);
+
+    EXPECT_EQ(kept, (ProcessImage::HoldingRegisters{5, 60, 70}));
+    EXPECT_EQ(seen, (ProcessImage::HoldingRegisters{5, 6, 7}));
+    ASSERT_TRUE(image.ReadHoldingRegisters(0, seen));
+    EXPECT_EQ(seen, kept);
+}
+
+TEST(ProcessImage, RegistersThatCannotBeKeptStayAsTheyWere)
+{
+    ProcessImage image;
+    image.KeepHoldingRegisters({5, 6, 7}, [](const ProcessImage::HoldingRegisters&) { return false; });
+    const uint16_t values[] = {60, 70};
+    ProcessImage::HoldingRegisters seen{};
+
+    EXPECT_EQ(image.WriteHoldingRegisters(1, values), ProcessImage::WriteResult::NotKept);
+
+    ASSERT_TRUE(image.ReadHoldingRegisters(0, seen));
+    EXPECT_EQ(seen, (ProcessImage::HoldingRegisters{5, 6, 7}));
+}
+
+TEST(ProcessImage, NothingIsKeptWhenNothingChanges)
+{
+    ProcessImage image;
+    int keepings = 0;
+    image.KeepHoldingRegisters({5, 6, 7}, [&](const ProcessImage::HoldingRegisters&) { return ++keepings > 0; });
+    const uint16_t same[] = {6, 7};
+    const uint16_t beyond[] = {1, 2};
+    const bool coil[] = {true};
+
+    EXPECT_EQ(image.WriteHoldingRegisters(1, same), ProcessImage::WriteResult::Written);
+    EXPECT_EQ(image.WriteHoldingRegisters(1023, beyond), ProcessImage::WriteResult::BeyondTable);
+    EXPECT_TRUE(image.WriteCoils(0, coil));
+
+    EXPECT_EQ(keepings, 0);
+}
+
+TEST(ProcessImage, WritersOfOtherRegistersLoseNothingAndAreKeptOneAtATime)
+{
+    ProcessImage image;
+    ProcessImage::HoldingRegisters kept{};
+    std::atomic<int> keepers{0};
+    std::atomic<int> overlaps{0};
+    image.KeepHoldingRegisters({}, [&](const ProcessImage::HoldingRegisters& changed) {
+        overlaps += keepers.fetch_add(1) != 0;
+        kept = changed;
+        std::this_thread::yield();
+        --keepers;
+        return true;
+    });
+    const auto write = [&](std::size_t address) {
+        for (uint16_t value = 1; value <= 20000; ++value)
+            image.WriteHoldingRegisters(address, std::span(&value, 1));
+    };
+
+    std::thread first(write, 0);
+    std::thread second(write, 1023);
+    first.join();
+    second.join();
+
+    ProcessImage::HoldingRegisters expected{};
+    expected.front() = expected.back() = 20000;
+    ProcessImage::HoldingRegisters seen;
+    ASSERT_TRUE(image.ReadHoldingRegisters(0, seen));
+    EXPECT_EQ(seen, expected);
+    EXPECT_EQ(kept, expected);
+    EXPECT_EQ(overlaps.load(), 0);
 }
 
 TEST(ProcessImage, EachDiscreteInputTellsOneState)

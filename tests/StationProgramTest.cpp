@@ -1,23 +1,26 @@
 // The station as a program: its arguments, its log, its end.
 #include "ChildProcess.h"
-#include "FaultPlan.h"
 #include "HexText.h"
 #include "LoopbackClient.h"
+#include "ModbusClient.h"
+#include "SmallFileSystem.h"
+#include "TemporaryFolder.h"
 
-#include <DescriptorLog.h>
 #include <StationOptions.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace
@@ -37,61 +40,60 @@ std::vector<std::string> LinesOf(const std::string& text)
     return lines;
 }
 
-// A log that writes into a pipe.
-struct PipedLog
-{
-    ~PipedLog()
-    {
-        ::close(m_Pipe[0]);
-        ::close(m_Pipe[1]);
-    }
-
-    // At most 64 KiB, once.
-    std::string Read()
-    {
-        std::string text(65536, '\0');
-        const ssize_t count = ::read(m_Pipe[0], text.data(), text.size());
-        text.resize(count < 0 ? 0 : static_cast<std::size_t>(count));
-        return text;
-    }
-
-    int m_Pipe[2]{-1, -1};
-    DescriptorLog m_Log{MakePipe()};
-
-private:
-    int MakePipe()
-    {
-        EXPECT_EQ(::pipe2(m_Pipe, O_CLOEXEC), 0);
-        return m_Pipe[1];
-    }
-};
-
-bool Parse(std::vector<const char*> arguments, StationOptions& options, std::string& error)
+bool Parse(std::vector<std::string> arguments, StationOptions& options, std::string& error)
 {
     arguments.insert(arguments.begin(), "station");
-    return ParseStationOptions(static_cast<int>(arguments.size()), arguments.data(), options, error);
+    std::vector<char*> pointers;
+    for (std::string& argument : arguments)
+        pointers.push_back(argument.data());
+    return ParseStationOptions(static_cast<int>(pointers.size()), pointers.data(), options, error);
 }
 
 // The station of this build, on a port that no other test has.
 struct StationProgram
 {
-    explicit StationProgram(const std::vector<std::string>& more = {}) : m_Process(Command(more)) {}
+    // folder: of its log and its registers.
+    explicit StationProgram(const std::string& folder, const std::vector<std::string>& more = {}) :
+        m_Process(Command(folder, more))
+    {}
 
     bool WaitUntilItServes() const
     {
         return m_Process.WaitForOutput("Station: serving Modbus/TCP on port " + std::to_string(m_Port.Get()));
     }
 
-    std::vector<std::string> Command(const std::vector<std::string>& more) const
+    std::vector<std::string> Command(const std::string& folder, const std::vector<std::string>& more = {}) const
     {
-        std::vector<std::string> command{STATION_PROGRAM, "-port", std::to_string(m_Port.Get())};
+        std::vector<std::string> command{STATION_PROGRAM, "-port", std::to_string(m_Port.Get()), "-logdir", folder};
         command.insert(command.end(), more.begin(), more.end());
         return command;
+    }
+
+    void Kill()
+    {
+        m_Process.Signal(SIGKILL);
+        EXPECT_EQ(m_Process.WaitForExit(), 128 + SIGKILL);
     }
 
     ReservedPort m_Port;
     ChildProcess m_Process;
 };
+
+std::vector<std::string> LogLinesIn(const std::string& folder)
+{
+    return LinesOf(ReadFileText(folder + "/station_001.log"));
+}
+
+// A request that gives registers 0 to 122 one value, and the answer to it.
+std::string WriteRequest(unsigned int value)
+{
+    std::string pdu = "10 0000 007B F6";
+    for (int i = 0; i < 123; ++i)
+        pdu += Hex16(value);
+    return pdu;
+}
+
+constexpr const char* kWriteAnswer = "100000007B";
 
 } // namespace
 
@@ -105,6 +107,7 @@ TEST(StationOptions, DefaultsWithoutArguments)
     EXPECT_EQ(options.m_Port, 1502);
     EXPECT_EQ(options.m_LinksPerThread, 64u);
     EXPECT_EQ(options.m_LogLevel, TcpServerLinkLoggingDefault);
+    EXPECT_EQ(options.m_LogFolder, "");
     EXPECT_FALSE(options.m_ShowHelp);
 }
 
@@ -113,11 +116,12 @@ TEST(StationOptions, EveryOptionIsTaken)
     StationOptions options;
     std::string error;
 
-    ASSERT_TRUE(Parse({"-links", "3", "-log", "6", "-help", "-port", "65535"}, options, error));
+    ASSERT_TRUE(Parse({"-links", "3", "-log", "6", "-logdir", "a folder", "-help", "-port", "65535"}, options, error));
 
     EXPECT_EQ(options.m_Port, 65535);
     EXPECT_EQ(options.m_LinksPerThread, 3u);
     EXPECT_EQ(options.m_LogLevel, TcpServerLinkLoggingData);
+    EXPECT_EQ(options.m_LogFolder, "a folder");
     EXPECT_TRUE(options.m_ShowHelp);
 }
 
@@ -128,6 +132,8 @@ TEST(StationOptions, LimitsAreAllowed)
 
     EXPECT_TRUE(Parse({"-port", "1", "-links", "1", "-log", "0"}, options, error)) << error;
     EXPECT_TRUE(Parse({"-port", "65535", "-links", "64", "-log", "6"}, options, error)) << error;
+    EXPECT_TRUE(Parse({"-logdir", std::string(1023, 'x')}, options, error)) << error;
+    EXPECT_EQ(options.m_LogFolder.size(), 1023u);
 }
 
 TEST(StationOptions, LastOfAnOptionCounts)
@@ -144,7 +150,7 @@ TEST(StationOptions, WhatIsWrongIsNamed)
 {
     const struct
     {
-        std::vector<const char*> m_Arguments;
+        std::vector<std::string> m_Arguments;
         const char* m_Error;
     } cases[] = {
         {{"-port"}, "-port needs a number from 1 to 65535"},
@@ -161,6 +167,12 @@ TEST(StationOptions, WhatIsWrongIsNamed)
         {{"-links", "65"}, "-links needs a number from 1 to 64, not \"65\""},
         {{"-log", "7"}, "-log needs a number from 0 to 6, not \"7\""},
         {{"-log"}, "-log needs a number from 0 to 6"},
+        {{"-logdir"}, "-logdir needs the name of a folder"},
+        {{"-logdir", ""}, "-logdir needs the name of a folder, not \"\""},
+        {{"-logdir", "-port", "1502"}, "-logdir needs the name of a folder, not \"-port\""},
+        {{"-logdir", std::string(1024, 'x')}, "-logdir takes a name of at most 1023 bytes"},
+        {{"-logdir", std::string(5000, 'x')}, "-logdir takes a name of at most 1023 bytes"},
+        {{"--help"}, "unknown argument \"--help\"; -help lists the options"},
         {{"1502"}, "unknown argument \"1502\"; -help lists the options"},
         {{"-port", "1502", "-verbose"}, "unknown argument \"-verbose\"; -help lists the options"},
         {{""}, "unknown argument \"\"; -help lists the options"},
@@ -175,125 +187,160 @@ TEST(StationOptions, WhatIsWrongIsNamed)
     }
 }
 
-TEST(DescriptorLog, MessageIsALineWithTheTime)
-{
-    PipedLog piped;
-
-    piped.m_Log.Print("port %d", 1502);
-
-    EXPECT_THAT(piped.Read(), testing::MatchesRegex(kTimePattern + " port 1502\n"));
-}
-
-TEST(DescriptorLog, WarningsAndErrorsLookAlike)
-{
-    PipedLog piped;
-
-    piped.m_Log.PrintWarning("one");
-    piped.m_Log.PrintError(5, "two");
-
-    EXPECT_THAT(piped.Read(), testing::MatchesRegex(kTimePattern + " one\n" + kTimePattern + " two\n"));
-}
-
-TEST(DescriptorLog, ClearLeavesWhatWasWritten)
-{
-    PipedLog piped;
-    piped.m_Log.Print("kept");
-
-    piped.m_Log.Clear();
-
-    EXPECT_THAT(piped.Read(), HasSubstr(" kept\n"));
-}
-
-TEST(DescriptorLog, LinesOfSeveralThreadsStayWhole)
-{
-    PipedLog piped;
-    std::vector<std::thread> threads;
-    for (int number = 0; number < 4; ++number)
-        threads.emplace_back([&piped, number] {
-            for (int i = 0; i < 100; ++i)
-                piped.m_Log.Print("%s", std::string(50, static_cast<char>('a' + number)).c_str());
-        });
-    for (std::thread& thread : threads)
-        thread.join();
-
-    const std::vector<std::string> lines = LinesOf(piped.Read());
-
-    EXPECT_EQ(lines.size(), 400u);
-    EXPECT_THAT(lines, testing::Each(testing::MatchesRegex(kTimePattern + " (a{50}|b{50}|c{50}|d{50})")));
-    std::vector<std::string> times;
-    for (const std::string& line : lines)
-        times.push_back(line.substr(0, 23));
-    EXPECT_TRUE(std::is_sorted(times.begin(), times.end()));
-}
-
-TEST(DescriptorLog, MessageLongerThanThePipeArrivesWhole)
-{
-    PipedLog piped;
-    ASSERT_EQ(::fcntl(piped.m_Pipe[1], F_SETPIPE_SZ, 4096), 4096);
-    const std::string text(100000, 'x');
-    std::thread writer([&] { piped.m_Log.PrintString(text); });
-
-    std::string read;
-    while (read.empty() || read.back() != '\n')
-        read += piped.Read();
-    writer.join();
-
-    EXPECT_EQ(read.size(), 24 + text.size() + 1);
-    EXPECT_EQ(read.substr(24), text + "\n");
-}
-
-TEST(DescriptorLog, InterruptedWriteIsRepeated)
-{
-    PipedLog piped;
-    const FaultPlan interrupted("write", 1, EINTR);
-
-    piped.m_Log.Print("here");
-
-    EXPECT_THAT(piped.Read(), testing::MatchesRegex(kTimePattern + " here\n"));
-}
-
-TEST(DescriptorLog, FailedWriteLosesThatLineOnly)
-{
-    PipedLog piped;
-    const FaultPlan full("write", 1, ENOSPC);
-
-    piped.m_Log.Print("lost");
-    piped.m_Log.Print("kept");
-
-    EXPECT_THAT(piped.Read(), testing::MatchesRegex(kTimePattern + " kept\n"));
-}
-
 TEST(Station, HelpListsTheOptions)
 {
     ChildProcess station({STATION_PROGRAM, "-help"});
 
     EXPECT_EQ(station.WaitForExit(), 0);
-    EXPECT_THAT(station.GetOutput(), testing::AllOf(HasSubstr("-port N"), HasSubstr("-links N"),
-                                                    HasSubstr("-log LEVEL"), HasSubstr("-help")));
+    EXPECT_EQ(station.GetOutput(),
+              "station: a small SCADA station that serves Modbus/TCP\n"
+              "\n"
+              "  -port N      TCP port to listen on, 1 to 65535; 1502 if not given\n"
+              "  -links N     connections that one worker thread serves, 1 to 64; 64 if not given\n"
+              "  -log LEVEL   how much to log, 0 (errors) to 6 (every byte); 2 if not given\n"
+              "  -logdir DIR  folder of the log and the saved registers; $HOME/.quendrelscada if not "
+              "given\n"
+              "  -help        print this and exit\n"
+              "\n"
+              "SIGINT (Ctrl-C) and SIGTERM stop the station.\n");
     EXPECT_EQ(station.GetErrors(), "");
 }
 
 TEST(Station, BadArgumentEndsWithStatus2)
 {
-    ChildProcess station({STATION_PROGRAM, "-port", "http"});
+    const TemporaryFolder folder;
+
+    ChildProcess station({STATION_PROGRAM, "-logdir", folder.GetPath(), "-port", "http"});
 
     EXPECT_EQ(station.WaitForExit(), 2);
     EXPECT_EQ(station.GetErrors(), "station: -port needs a number from 1 to 65535, not \"http\"\n");
     EXPECT_EQ(station.GetOutput(), "");
 }
 
+// In a process of its own: the library says so on standard output in wide characters, which ends its use for others.
+TEST(Station, LoneDashEndsWithStatus2)
+{
+    const TemporaryFolder folder;
+
+    StationProgram station(folder.GetPath(), {"-"});
+
+    EXPECT_EQ(station.m_Process.WaitForExit(), 2);
+    EXPECT_EQ(station.m_Process.GetErrors(), "station: \"-\" is no option; -help lists the options\n");
+    EXPECT_EQ(station.m_Process.GetOutput(), "Error: Argument #5 invalid");
+}
+
 TEST(Station, PortInUseEndsWithStatus1)
 {
-    const StationProgram first;
+    const TemporaryFolder folder;
+    const TemporaryFolder otherFolder;
+    const StationProgram first(folder.GetPath());
     ASSERT_TRUE(first.WaitUntilItServes());
     const std::string port = std::to_string(first.m_Port.Get());
 
-    ChildProcess second(first.Command({}));
+    ChildProcess second(first.Command(otherFolder.GetPath()));
 
     EXPECT_EQ(second.WaitForExit(), 1);
     EXPECT_EQ(second.GetErrors(),
               "station: cannot listen on port " + port + "; the log says why. Is another program using it?\n");
-    EXPECT_THAT(second.GetOutput(), HasSubstr("TcpSvr@" + port + ": bind() failed. Error 98: Address already in use"));
+    EXPECT_EQ(second.GetOutput(), "Station: log in " + otherFolder / "station_nnn.log\n");
+    EXPECT_THAT(ReadFileText(otherFolder / "station_001.log"),
+                HasSubstr("TcpSvr@" + port + ": bind() failed. Error 98: Address already in use"));
+}
+
+TEST(Station, DefaultFolderIsHiddenInTheHomeFolder)
+{
+    const TemporaryFolder home;
+    const ReservedPort port;
+    ChildProcess station({"env", "HOME=" + home.GetPath(), STATION_PROGRAM, "-port", std::to_string(port.Get())});
+    ASSERT_TRUE(station.WaitForOutput("Station: serving Modbus/TCP on port " + std::to_string(port.Get()) + "\n"));
+
+    station.Signal(SIGTERM);
+
+    EXPECT_EQ(station.WaitForExit(), 0);
+    EXPECT_THAT(station.GetOutput(), HasSubstr("Station: log in " + home / ".quendrelscada/station_nnn.log\n"));
+    EXPECT_TRUE(std::filesystem::exists(home / ".quendrelscada/station_001.log"));
+}
+
+TEST(Station, WithoutAFolderItEndsWithStatus3)
+{
+    ChildProcess station({"env", "-u", "HOME", STATION_PROGRAM});
+
+    EXPECT_EQ(station.WaitForExit(), 3);
+    EXPECT_EQ(station.GetErrors(),
+              "station: HOME is not set; name a folder for the log and the registers with -logdir\n");
+    EXPECT_EQ(station.GetOutput(), "");
+}
+
+TEST(Station, SecondStationOnAFolderEndsWithStatus3AndLeavesTheFirstAlone)
+{
+    const TemporaryFolder folder;
+    const StationProgram first(folder.GetPath());
+    ASSERT_TRUE(first.WaitUntilItServes());
+
+    StationProgram second(folder.GetPath());
+
+    EXPECT_EQ(second.m_Process.WaitForExit(), 3);
+    EXPECT_EQ(second.m_Process.GetErrors(), "station: another station uses the folder " + folder.GetPath() +
+                                                "; give this one a folder of its own with -logdir\n");
+    EXPECT_THAT(ReadFileText(folder / "station_001.log"), Not(HasSubstr("Re-opened log file")));
+    LoopbackClient client(first.m_Port.Get());
+    EXPECT_EQ(Ask(client, "06 0000 1234"), "0600001234");
+}
+
+TEST(Station, LogThatCannotBeOpenedEndsWithStatus3)
+{
+    const TemporaryFolder folder;
+    ASSERT_TRUE(std::filesystem::create_directory(folder / "station_001.log"));
+
+    StationProgram station(folder.GetPath());
+
+    EXPECT_EQ(station.m_Process.WaitForExit(), 3);
+    EXPECT_EQ(station.m_Process.GetErrors(), "station: cannot open the log " + folder / "station_nnn.log" +
+                                                 "; is there room, and may this user write in the folder and to the "
+                                                 "newest of these files?\n");
+}
+
+TEST(Station, RegistersThatCannotBeReadEndItWithStatus3)
+{
+    const TemporaryFolder folder;
+    ASSERT_TRUE(std::filesystem::create_directory(folder / "station-registers"));
+
+    StationProgram station(folder.GetPath());
+
+    EXPECT_EQ(station.m_Process.WaitForExit(), 3);
+    const std::string reason = "cannot read " + folder / "station-registers" + ": Is a directory";
+    EXPECT_EQ(station.m_Process.GetErrors(), "station: " + reason + "\n");
+    EXPECT_THAT(ReadFileText(folder / "station_001.log"), HasSubstr(" Station: " + reason + "\n"));
+}
+
+TEST(Station, LogLevelAndLinksPerThreadAreTakenFromTheArguments)
+{
+    const TemporaryFolder folder;
+    const StationProgram station(folder.GetPath(), {"-log", "6", "-links", "1"});
+    ASSERT_TRUE(station.WaitUntilItServes());
+    LoopbackClient first(station.m_Port.Get());
+    LoopbackClient second(station.m_Port.Get());
+
+    EXPECT_EQ(Ask(first, "03 0000 0001"), "03020000");
+    EXPECT_EQ(Ask(second, "03 0000 0001"), "03020000");
+
+    EXPECT_THAT(ReadFileText(folder / "station_001.log"),
+                testing::AllOf(HasSubstr("Link 1 Rx"), HasSubstr("TCPThread 2: Created")));
+}
+
+TEST(Station, LogsNoBytesAndServesTwoLinksWithOneThreadUnlessAskedTo)
+{
+    const TemporaryFolder folder;
+    const StationProgram station(folder.GetPath());
+    ASSERT_TRUE(station.WaitUntilItServes());
+    LoopbackClient first(station.m_Port.Get());
+    LoopbackClient second(station.m_Port.Get());
+
+    EXPECT_EQ(Ask(first, "03 0000 0001"), "03020000");
+    EXPECT_EQ(Ask(second, "03 0000 0001"), "03020000");
+
+    EXPECT_THAT(ReadFileText(folder / "station_001.log"),
+                testing::AllOf(Not(HasSubstr("Link 1 Rx")), Not(HasSubstr("TCPThread 2: Created"))));
 }
 
 class StationSignal : public testing::TestWithParam<int>
@@ -302,50 +349,202 @@ class StationSignal : public testing::TestWithParam<int>
 
 TEST_P(StationSignal, EndsTheStationCleanly)
 {
-    StationProgram station;
+    const TemporaryFolder folder;
+    StationProgram station(folder.GetPath());
     ASSERT_TRUE(station.WaitUntilItServes());
     LoopbackClient client(station.m_Port.Get());
-    client.Send(FromHex("0001 0000 0006 01 03 0000 0001"));
-    ASSERT_EQ(ToHex(client.Receive(11)), "0001000000050103020000");
+    ASSERT_EQ(Ask(client, "03 0000 0001"), "03020000");
 
     station.m_Process.Signal(GetParam());
 
     EXPECT_EQ(station.m_Process.WaitForExit(), 0);
     EXPECT_TRUE(client.SawReset());
     EXPECT_EQ(station.m_Process.GetErrors(), "");
-    const std::vector<std::string> lines = LinesOf(station.m_Process.GetOutput());
+    const std::string number = std::to_string(GetParam());
+    EXPECT_EQ(station.m_Process.GetOutput(), "Station: log in " + folder / "station_nnn.log" +
+                                                 "\nStation: serving Modbus/TCP on port " +
+                                                 std::to_string(station.m_Port.Get()) +
+                                                 "\nStation: stopping on signal " + number + "\nStation: stopped\n");
+    std::vector<std::string> lines = LogLinesIn(folder.GetPath());
+    EXPECT_EQ(lines.back(), "Closing file");
+    lines.pop_back();
     EXPECT_THAT(lines, testing::Each(testing::MatchesRegex(kTimePattern + " .+")));
-    EXPECT_THAT(lines,
-                testing::Contains(testing::EndsWith(" Station: stopping on signal " + std::to_string(GetParam()))));
+    EXPECT_THAT(lines, testing::Contains(testing::EndsWith(" Station: stopping on signal " + number)));
     EXPECT_THAT(lines.back(), testing::EndsWith(" Station: stopped"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Station, StationSignal, testing::Values(SIGINT, SIGTERM));
 
-TEST(Station, GoesOnWhenTheReaderOfItsLogHasGone)
+TEST(Station, GoesOnWhenTheReaderOfItsOutputHasGone)
 {
+    const TemporaryFolder folder;
     const ReservedPort port;
-    int logPipe[2];
-    ASSERT_EQ(::pipe2(logPipe, O_CLOEXEC), 0);
+    int outputPipe[2];
+    ASSERT_EQ(::pipe2(outputPipe, O_CLOEXEC), 0);
     // The shell makes the inherited descriptor the station's output.
-    ASSERT_EQ(::dup2(logPipe[1], 9), 9);
-    ChildProcess station(
-        {"sh", "-c", "exec \"$0\" -port \"$1\" >&9 9>&-", STATION_PROGRAM, std::to_string(port.Get())});
-    ::close(9);
-    ::close(logPipe[1]);
-    std::string log;
-    while (log.find("Station: serving") == std::string::npos) {
+    const int inherited = ::dup(outputPipe[1]);
+    ChildProcess station({"sh", "-c", "exec \"$0\" -port \"$1\" -logdir \"$2\" >/proc/self/fd/\"$3\"", STATION_PROGRAM,
+                          std::to_string(port.Get()), folder.GetPath(), std::to_string(inherited)});
+    ::close(inherited);
+    ::close(outputPipe[1]);
+    std::string output;
+    ssize_t count = 1;
+    while (count > 0 && output.find("Station: serving") == std::string::npos) {
         char data[4096];
-        const ssize_t count = ::read(logPipe[0], data, sizeof data);
-        ASSERT_GT(count, 0);
-        log.append(data, static_cast<std::size_t>(count));
+        pollfd ready{outputPipe[0], POLLIN, 0};
+        count = ::poll(&ready, 1, 20000) == 1 ? ::read(outputPipe[0], data, sizeof data) : 0;
+        output.append(data, static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
     }
+    EXPECT_THAT(output, HasSubstr("Station: serving"));
 
-    ::close(logPipe[0]);
+    ::close(outputPipe[0]);
 
     LoopbackClient client(port.Get());
-    client.Send(FromHex("0001 0000 0006 01 03 0000 0001"));
-    EXPECT_EQ(ToHex(client.Receive(11)), "0001000000050103020000");
+    EXPECT_EQ(Ask(client, "03 0000 0001"), "03020000");
     station.Signal(SIGTERM);
     EXPECT_EQ(station.WaitForExit(), 0);
+    EXPECT_THAT(ReadFileText(folder / "station_001.log"), HasSubstr(" Station: stopped\n"));
+}
+
+TEST(Station, RegistersOutliveAnOrderlyEnd)
+{
+    const TemporaryFolder folder;
+    {
+        StationProgram station(folder.GetPath());
+        ASSERT_TRUE(station.WaitUntilItServes());
+        LoopbackClient client(station.m_Port.Get());
+        EXPECT_EQ(Ask(client, "06 0000 1234"), "0600001234");
+        EXPECT_EQ(Ask(client, "10 03FE 0002 04 5678 9ABC"), "1003FE0002");
+        EXPECT_EQ(Ask(client, "05 0000 FF00"), "050000FF00");
+        station.m_Process.Signal(SIGTERM);
+        EXPECT_EQ(station.m_Process.WaitForExit(), 0);
+    }
+
+    const StationProgram station(folder.GetPath());
+
+    ASSERT_TRUE(station.WaitUntilItServes());
+    LoopbackClient client(station.m_Port.Get());
+    EXPECT_EQ(Ask(client, "03 0000 0002"), "030412340000");
+    EXPECT_EQ(Ask(client, "03 03FE 0002"), "030456789ABC");
+    EXPECT_EQ(Ask(client, "01 0000 0001"), "010100"); // coils are not kept
+    EXPECT_THAT(ReadFileText(folder / "station_001.log"), HasSubstr(" Registers: 1024 read\n"));
+}
+
+// In each round more writes are under way than are waited for when the station is killed.
+TEST(Station, KillLeavesEveryAnsweredWriteAndNoPartOfOne)
+{
+    const TemporaryFolder folder;
+    unsigned int value = 0;
+
+    for (unsigned int round = 0; round < 8; ++round) {
+        SCOPED_TRACE(round);
+        StationProgram station(folder.GetPath());
+        ASSERT_TRUE(station.WaitUntilItServes()) << station.m_Process.GetErrors();
+        LoopbackClient client(station.m_Port.Get());
+        const std::string answer = Ask(client, "03 0000 007B");
+        ASSERT_EQ(answer.size(), 4u + 4u * 123u);
+        const std::string found = answer.substr(4);
+        const unsigned int kept = static_cast<unsigned int>(std::stoul(found.substr(0, 4), nullptr, 16));
+        EXPECT_EQ(found, ToHex(FromHex(WriteRequest(kept).substr(15)))); // all have the one value
+        EXPECT_GE(kept, value);                                          // that was answered, or a later one
+        EXPECT_LE(kept, round * 100);
+
+        std::string requests;
+        for (unsigned int i = 1; i <= 100; ++i)
+            requests += Frame(i, WriteRequest(round * 100 + i));
+        client.Send(requests);
+        unsigned int answered = 0;
+        for (unsigned int i = 0; i <= round; ++i)
+            ASSERT_EQ(ReceivePdu(client, answered), kWriteAnswer);
+        station.Kill();
+        while (ReceivePdu(client, answered) == kWriteAnswer) {
+            // Answered before the kill, too.
+        }
+        value = round * 100 + answered;
+    }
+}
+
+TEST(Station, DamagedRegistersAreSetAsideAndItStartsFrom0)
+{
+    const TemporaryFolder folder;
+    WriteFileText(folder / "station-registers", "not registers");
+
+    StationProgram station(folder.GetPath());
+
+    ASSERT_TRUE(station.WaitUntilItServes());
+    LoopbackClient client(station.m_Port.Get());
+    EXPECT_EQ(Ask(client, "03 0000 0001"), "03020000");
+    EXPECT_EQ(ReadFileText(folder / "station-registers.damaged"), "not registers");
+    EXPECT_THAT(ReadFileText(folder / "station_001.log"), HasSubstr(" Registers: the file is damaged and now named "));
+}
+
+TEST(Station, FullDiskRefusesWritesAndServesOn)
+{
+    SmallFileSystem disk("size=64k");
+    if (!disk.IsMounted())
+        GTEST_SKIP() << disk.GetReason();
+    StationProgram station(disk.GetPath());
+    ASSERT_TRUE(station.WaitUntilItServes());
+    LoopbackClient client(station.m_Port.Get());
+    EXPECT_EQ(Ask(client, WriteRequest(1)), kWriteAnswer);
+    std::ofstream(disk / "filler") << std::string(64 * 1024, 'x');
+
+    EXPECT_EQ(Ask(client, WriteRequest(2)), "9004");
+    EXPECT_EQ(Ask(client, "06 0000 0002"), "8604");
+    EXPECT_EQ(Ask(client, "03 0000 0001"), "03020001");
+    EXPECT_EQ(Ask(client, "05 0000 FF00"), "050000FF00");
+    EXPECT_EQ(Ask(client, "01 0000 0001"), "010101");
+    ASSERT_TRUE(std::filesystem::remove(disk / "filler"));
+    EXPECT_EQ(Ask(client, WriteRequest(3)), kWriteAnswer);
+    station.Kill();
+    const StationProgram next(disk.GetPath());
+
+    ASSERT_TRUE(next.WaitUntilItServes());
+    LoopbackClient nextClient(next.m_Port.Get());
+    EXPECT_EQ(Ask(nextClient, "03 007A 0002"), "030400030000");
+    EXPECT_THAT(ReadFileText(disk / "station_001.log"),
+                HasSubstr(" Registers: saved again; times refused: 2; at first: cannot write " +
+                          disk / "station-registers.new: No space left on device\n"));
+}
+
+TEST(Station, StartsAfterAKillWhileTheDiskIsFull)
+{
+    SmallFileSystem disk("size=64k");
+    if (!disk.IsMounted())
+        GTEST_SKIP() << disk.GetReason();
+    {
+        StationProgram station(disk.GetPath());
+        ASSERT_TRUE(station.WaitUntilItServes());
+        LoopbackClient client(station.m_Port.Get());
+        EXPECT_EQ(Ask(client, WriteRequest(1)), kWriteAnswer);
+        station.Kill();
+    }
+    std::ofstream(disk / "filler") << std::string(64 * 1024, 'x');
+
+    const StationProgram station(disk.GetPath());
+
+    ASSERT_TRUE(station.WaitUntilItServes()) << station.m_Process.GetErrors();
+    LoopbackClient client(station.m_Port.Get());
+    EXPECT_EQ(Ask(client, "03 007A 0002"), "030400010000");
+    EXPECT_EQ(Ask(client, "06 0000 0002"), "8604");
+    ASSERT_TRUE(std::filesystem::remove(disk / "filler"));
+    EXPECT_EQ(Ask(client, "06 0000 0002"), "0600000002");
+}
+
+TEST(Station, VanishedFolderRefusesWritesUntilItIsBack)
+{
+    const TemporaryFolder parent;
+    const std::string folder = parent / "station";
+    const StationProgram station(folder);
+    ASSERT_TRUE(station.WaitUntilItServes());
+    LoopbackClient client(station.m_Port.Get());
+    EXPECT_EQ(Ask(client, "06 0000 0001"), "0600000001");
+    std::filesystem::remove_all(folder);
+
+    EXPECT_EQ(Ask(client, "06 0000 0002"), "8604");
+    EXPECT_EQ(Ask(client, "03 0000 0001"), "03020001");
+    ASSERT_TRUE(std::filesystem::create_directory(folder));
+    EXPECT_EQ(Ask(client, "06 0000 0002"), "0600000002");
+
+    EXPECT_TRUE(std::filesystem::exists(folder + "/station-registers"));
 }

@@ -3,6 +3,7 @@
 #include "FixedHostFigures.h"
 #include "HexText.h"
 #include "LoopbackClient.h"
+#include "ModbusClient.h"
 #include "RecordingLog.h"
 #include "WaitUntil.h"
 
@@ -91,40 +92,6 @@ struct RunningStation
     ProcessImage m_Image{&FixedHostFigures};
     StationServer m_Server;
 };
-
-std::string Hex16(unsigned int value)
-{
-    char text[5];
-    std::snprintf(text, sizeof text, "%04X", value & 0xFFFF);
-    return text;
-}
-
-// A frame for unit 1. pdu: hex.
-std::string Frame(unsigned int transaction, const std::string& pdu)
-{
-    const std::string bytes = FromHex(pdu);
-    return FromHex(Hex16(transaction) + "0000" + Hex16(static_cast<unsigned int>(bytes.size() + 1)) + "01") + bytes;
-}
-
-// The next answer's PDU in hex; its transaction goes to `transaction`. Empty when the connection ended.
-std::string ReceivePdu(LoopbackClient& client, unsigned int& transaction)
-{
-    const std::string header = client.Receive(7);
-    if (header.size() != 7)
-        return "";
-    const auto at = [&](std::size_t i) { return static_cast<unsigned int>(static_cast<unsigned char>(header[i])); };
-    transaction = at(0) << 8 | at(1);
-    return ToHex(client.Receive((at(4) << 8 | at(5)) - 1));
-}
-
-// Sends one request and returns its answer's PDU in hex, or "wrong transaction".
-std::string Ask(LoopbackClient& client, const std::string& pdu)
-{
-    unsigned int transaction = 0;
-    client.Send(Frame(0x4711, pdu));
-    const std::string answer = ReceivePdu(client, transaction);
-    return answer.empty() || transaction == 0x4711 ? answer : "wrong transaction";
-}
 
 } // namespace
 
@@ -577,8 +544,8 @@ TEST(StationServer, AnswerIsOneMomentWhileOtherWorkersWrite)
 
     unsigned int torn = 0;
     for (int i = 0; i < 500; ++i) {
-        const std::string values = Ask(reader, "03 0000 007B").substr(4);
-        torn += values.size() != 4u * 123u || values.find_first_not_of(values.front()) != std::string::npos;
+        const std::string answer = Ask(reader, "03 0000 007B"); // two bytes, and then one digit again and again
+        torn += answer.size() != 4u + 4u * 123u || answer.find_first_not_of(answer.back(), 4) != std::string::npos;
     }
     stop.store(true);
     first.join();
@@ -586,6 +553,30 @@ TEST(StationServer, AnswerIsOneMomentWhileOtherWorkersWrite)
 
     EXPECT_EQ(torn, 0u);
     EXPECT_EQ(failures.load(), 0u);
+}
+
+TEST(StationServer, LinkMayGoAMinuteWithoutARequestUnlessSaidOtherwise)
+{
+    const ReservedPort port;
+    RecordingLog log;
+    ProcessImage image;
+    StationServer server(&log, image, port.Get(), 64);
+    ASSERT_TRUE(server.StartTcpServer());
+    LoopbackClient client(port.Get());
+    const CQDTimeInterval minute(CQDTimeInterval::TicksPerMinute);
+
+    const CQDTimestamp before = CQDTimestamp::UTCNow();
+    EXPECT_EQ(Ask(client, "03 0000 0001"), "03020000");
+    // Stopped, the worker touches the time no more.
+    std::list<CQDTcpServerLink*> links;
+    server.GetAllLinks(links);
+    server.StopTcpServer();
+    const CQDTimestamp after = CQDTimestamp::UTCNow();
+
+    ASSERT_EQ(links.size(), 1u);
+    EXPECT_GE(links.front()->GetTimeout(), before + minute);
+    EXPECT_LE(links.front()->GetTimeout(), after + minute);
+    links.front()->Release();
 }
 
 TEST(StationServer, StopClosesOpenLinks)

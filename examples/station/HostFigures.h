@@ -16,6 +16,6 @@ struct HostFigures
     uint32_t m_TotalMemoryKiB{0};
     CQDTimestamp m_Time; // UTC
 
-    // Asks the system. Takes no lock, reads no file; any thread.
+    // Asks the system; any thread.
     static HostFigures Read();
 };

@@ -12,7 +12,8 @@ enum class Exception : unsigned char
     None = 0,
     IllegalFunction = 1,
     IllegalDataAddress = 2,
-    IllegalDataValue = 3
+    IllegalDataValue = 3,
+    ServerDeviceFailure = 4
 };
 
 // The most that one request may name, so that request and answer fit in a frame.
@@ -97,6 +98,16 @@ Exception ReadRegisters(ByteView request, const ProcessImage& image, RegisterRea
     return Exception::None;
 }
 
+Exception ExceptionOf(ProcessImage::WriteResult result)
+{
+    switch (result) {
+    case ProcessImage::WriteResult::Written: return Exception::None;
+    case ProcessImage::WriteResult::BeyondTable: return Exception::IllegalDataAddress;
+    case ProcessImage::WriteResult::NotKept: break;
+    }
+    return Exception::ServerDeviceFailure;
+}
+
 Exception WriteCoil(ByteView request, ProcessImage& image, ByteBuffer& answer)
 {
     if (request.size() != kShortRequestSize)
@@ -116,10 +127,8 @@ Exception WriteRegister(ByteView request, ProcessImage& image, ByteBuffer& answe
     if (request.size() != kShortRequestSize)
         return Exception::IllegalDataValue;
     const std::array value{ReadUint16(request, kValueOffset)};
-    if (!image.WriteHoldingRegisters(ReadUint16(request, kAddressOffset), value))
-        return Exception::IllegalDataAddress;
     answer.assign(request.begin(), request.end());
-    return Exception::None;
+    return ExceptionOf(image.WriteHoldingRegisters(ReadUint16(request, kAddressOffset), value));
 }
 
 Exception WriteCoils(ByteView request, ProcessImage& image, ByteBuffer& answer)
@@ -148,10 +157,9 @@ Exception WriteRegisters(ByteView request, ProcessImage& image, ByteBuffer& answ
     std::array<uint16_t, kMaximumRegistersWritten> registers;
     for (std::size_t i = 0; i < quantity; ++i)
         registers[i] = ReadUint16(request, kItemsOffset + i * 2);
-    if (!image.WriteHoldingRegisters(ReadUint16(request, kAddressOffset), std::span(registers).first(quantity)))
-        return Exception::IllegalDataAddress;
     answer.assign(request.begin(), request.begin() + kShortRequestSize);
-    return Exception::None;
+    return ExceptionOf(
+        image.WriteHoldingRegisters(ReadUint16(request, kAddressOffset), std::span(registers).first(quantity)));
 }
 
 // `answer` holds the function code; a function that succeeds completes it.

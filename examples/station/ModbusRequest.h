@@ -11,5 +11,6 @@ class ProcessImage;
 //   1  the station does not know the function
 //   2  the addresses reach beyond the table; nothing was written
 //   3  a size, quantity, byte count or value is wrong; nothing was written
-// request: at least the function code. Thread: any; the image takes its lock once for each request.
+//   4  the registers could not be kept; nothing was written
+// request: at least the function code. Thread: any; each request is one call of the image.
 ByteBuffer AnswerModbusRequest(ByteView request, ProcessImage& image);

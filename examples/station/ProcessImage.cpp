@@ -68,6 +68,12 @@ std::array<uint16_t, ProcessImage::kInputRegisterCount> InputRegistersOf(const H
 
 ProcessImage::ProcessImage(HostFiguresReader readHostFigures) : m_ReadHostFigures(std::move(readHostFigures)) {}
 
+void ProcessImage::KeepHoldingRegisters(const HoldingRegisters& registers, RegisterKeeper keep)
+{
+    m_HoldingRegisters = registers;
+    m_KeepRegisters = std::move(keep);
+}
+
 bool ProcessImage::ReadCoils(std::size_t first, std::span<bool> coils) const
 {
     const std::lock_guard guard(m_Lock);
@@ -96,8 +102,18 @@ bool ProcessImage::WriteCoils(std::size_t first, std::span<const bool> coils)
     return CopyIntoTable<bool>(m_Coils, first, coils);
 }
 
-bool ProcessImage::WriteHoldingRegisters(std::size_t first, std::span<const uint16_t> registers)
+// Works on a copy, so that readers see the old registers until the new ones are kept.
+ProcessImage::WriteResult ProcessImage::WriteHoldingRegisters(std::size_t first, std::span<const uint16_t> registers)
 {
+    const std::lock_guard writeGuard(m_WriteLock);
+    HoldingRegisters changed = m_HoldingRegisters;
+    if (!CopyIntoTable<uint16_t>(changed, first, registers))
+        return WriteResult::BeyondTable;
+    if (changed == m_HoldingRegisters)
+        return WriteResult::Written; // clients that repeat their values must not wear out the disk
+    if (m_KeepRegisters && !m_KeepRegisters(changed))
+        return WriteResult::NotKept;
     const std::lock_guard guard(m_Lock);
-    return CopyIntoTable<uint16_t>(m_HoldingRegisters, first, registers);
+    m_HoldingRegisters = changed;
+    return WriteResult::Written;
 }

@@ -12,8 +12,8 @@ class ProcessImage;
 // One Modbus/TCP client of the station: answers its requests in their order, however they are cut into segments.
 //
 // Closes the connection, and prints why, when the bytes received are no frame, when no request was completed and no
-// answer was taken for the idle time, and when too many answers wait for a client that does not read them.
-// Borrows: the image, which must outlive the link.
+// answer was taken for the idle time (printed at the level of lifecycles), and when too many answers wait for a client
+// that does not read them. Borrows: the image, which must outlive the link.
 class StationLink : public CQDTcpServerLink
 {
 public:

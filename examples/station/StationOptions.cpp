@@ -1,5 +1,7 @@
 #include "StationOptions.h"
 
+#include <QDPlatform/QDCommandArguments.h>
+
 #include <charconv>
 #include <string_view>
 
@@ -7,7 +9,8 @@ const char* const kStationUsage = R"(station: a small SCADA station that serves 
 
   -port N      TCP port to listen on, 1 to 65535; 1502 if not given
   -links N     connections that one worker thread serves, 1 to 64; 64 if not given
-  -log LEVEL   how much to print, 0 (errors) to 6 (every byte); 2 if not given
+  -log LEVEL   how much to log, 0 (errors) to 6 (every byte); 2 if not given
+  -logdir DIR  folder of the log and the saved registers; $HOME/.quendrelscada if not given
   -help        print this and exit
 
 SIGINT (Ctrl-C) and SIGTERM stop the station.
@@ -16,6 +19,16 @@ SIGINT (Ctrl-C) and SIGTERM stop the station.
 namespace
 {
 
+using CommandArgument = CQDCommandArguments::CommandArgument;
+
+constexpr std::size_t kMaximumFolderLength = 1023; // the library cuts arguments behind 1024 bytes
+
+// As it was typed.
+std::string TextOf(const CommandArgument& argument)
+{
+    return argument.m_Kind == CQDCommandArguments::ArgumentOption ? '-' + argument.m_Text : argument.m_Text;
+}
+
 // Reads a decimal number, nothing before and nothing after it, from `minimum` to `maximum`.
 bool ParseNumber(std::string_view text, unsigned int minimum, unsigned int maximum, unsigned int& number)
 {
@@ -23,47 +36,71 @@ bool ParseNumber(std::string_view text, unsigned int minimum, unsigned int maxim
     return error == std::errc() && end == text.data() + text.size() && number >= minimum && number <= maximum;
 }
 
-// Reads the value of an option that takes a number.
-bool ParseValue(const std::string& option, const char* value, unsigned int minimum, unsigned int maximum,
+// Says what `option` needs, and what it got: value, which is null when there is none.
+bool Refuse(const std::string& option, const std::string& needs, const CommandArgument* value, std::string& error)
+{
+    error = option + " needs " + needs;
+    if (value != nullptr)
+        error += ", not \"" + TextOf(*value) + "\"";
+    return false;
+}
+
+bool ParseValue(const std::string& option, const CommandArgument* value, unsigned int minimum, unsigned int maximum,
                 unsigned int& number, std::string& error)
 {
-    if (value != nullptr && ParseNumber(value, minimum, maximum, number))
+    if (value != nullptr && ParseNumber(TextOf(*value), minimum, maximum, number))
         return true;
-    error = option + " needs a number from " + std::to_string(minimum) + " to " + std::to_string(maximum);
-    if (value != nullptr)
-        error += ", not \"" + std::string(value) + "\"";
-    return false;
+    std::string needs = "a number from ";
+    needs += std::to_string(minimum) + " to " + std::to_string(maximum);
+    return Refuse(option, needs, value, error);
+}
+
+// What begins with "-" is rather a forgotten value than a folder, which could be named ./-x.
+bool ParseFolder(const std::string& option, const CommandArgument* value, std::string& folder, std::string& error)
+{
+    if (value == nullptr || value->m_Kind != CQDCommandArguments::ArgumentValue || value->m_Text.empty())
+        return Refuse(option, "the name of a folder", value, error);
+    if (value->m_Text.size() > kMaximumFolderLength) {
+        error = option + " takes a name of at most " + std::to_string(kMaximumFolderLength) + " bytes";
+        return false;
+    }
+    folder = value->m_Text;
+    return true;
 }
 
 } // namespace
 
-bool ParseStationOptions(int argumentCount, const char* const* arguments, StationOptions& options, std::string& error)
+bool ParseStationOptions(int argumentCount, char** arguments, StationOptions& options, std::string& error)
 {
-    for (int i = 1; i < argumentCount; ++i) {
-        const std::string option = arguments[i];
+    CQDCommandArguments list;
+    if (!list.ReadArguments(argumentCount, arguments)) {
+        error = "\"-\" is no option; -help lists the options";
+        return false;
+    }
+    while (const CommandArgument* argument = list.GetNextArgument()) {
+        const std::string option = TextOf(*argument);
+        unsigned int number = 0;
         if (option == "-help") {
             options.m_ShowHelp = true;
-            continue;
-        }
-        const char* value = i + 1 < argumentCount ? arguments[i + 1] : nullptr;
-        unsigned int number = 0;
-        if (option == "-port") {
-            if (!ParseValue(option, value, 1, 65535, number, error))
+        } else if (option == "-port") {
+            if (!ParseValue(option, list.GetNextArgument(), 1, 65535, number, error))
                 return false;
             options.m_Port = static_cast<unsigned short>(number);
         } else if (option == "-links") {
-            if (!ParseValue(option, value, 1, 64, number, error))
+            if (!ParseValue(option, list.GetNextArgument(), 1, 64, number, error))
                 return false;
             options.m_LinksPerThread = number;
         } else if (option == "-log") {
-            if (!ParseValue(option, value, 0, 6, number, error))
+            if (!ParseValue(option, list.GetNextArgument(), 0, 6, number, error))
                 return false;
             options.m_LogLevel = static_cast<TcpServerLinkLogging>(number);
+        } else if (option == "-logdir") {
+            if (!ParseFolder(option, list.GetNextArgument(), options.m_LogFolder, error))
+                return false;
         } else {
             error = "unknown argument \"" + option + "\"; -help lists the options";
             return false;
         }
-        ++i; // the value
     }
     return true;
 }

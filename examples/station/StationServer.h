@@ -12,9 +12,11 @@ class ProcessImage;
 class StationServer : public CQDTcpServer
 {
 public:
+    static constexpr CQDTimeInterval kIdleTimeout{CQDTimeInterval::TicksPerMinute};
+
     // idleTimeout: how long a link may go without a request before it is closed.
     StationServer(COutputLog* log, ProcessImage& image, unsigned short port, unsigned int linksPerThread,
-                  CQDTimeInterval idleTimeout);
+                  CQDTimeInterval idleTimeout = kIdleTimeout);
 
 protected:
     // Listens on IPv4 and, where the host has it, on IPv6. False when IPv4 cannot be had: a station that only some of
