@@ -1,11 +1,16 @@
-# qd_add_test(NAME [PRIVATE_CODE] [LABEL label] [LIBRARIES lib...])
+# qd_add_test(NAME [PRIVATE_CODE] [THREADS] [LABEL label] [LIBRARIES lib...])
 #
 # Builds NAME.cpp with the test support and gives each of its tests to CTest. PRIVATE_CODE links the library's objects
-# instead of the shared library, for what is not exported. LABEL is unit (the default), fault, stress or exhaustive.
+# instead of the shared library, for what is not exported. THREADS: the test, or a program that it runs, has several
+# threads; ThreadSanitizer has nothing to see in the others, so its preset leaves them out. LABEL is unit (the default),
+# fault, stress or exhaustive.
 include(GoogleTest)
 
 function(qd_add_test name)
-    cmake_parse_arguments(PARSE_ARGV 1 arg "PRIVATE_CODE" "LABEL" "LIBRARIES")
+    cmake_parse_arguments(PARSE_ARGV 1 arg "PRIVATE_CODE;THREADS" "LABEL" "LIBRARIES")
+    if(QD_SANITIZE STREQUAL "thread" AND NOT arg_THREADS)
+        return()
+    endif()
     get_filename_component(target ${name} NAME)
     add_executable(${target} ${name}.cpp)
     qd_compile_settings(${target})
