@@ -218,19 +218,20 @@ void CheckNumberText(const uint8_t* data, size_t size)
     Require(written.size() <= 2 * size + 6);
 }
 
-std::string ExponentForm(double value, int fractionDigits)
+std::string ExponentForm(long double value, int fractionDigits)
 {
     char text[32];
-    std::snprintf(text, sizeof text, "%.*e", fractionDigits, value);
+    std::snprintf(text, sizeof text, "%.*Le", fractionDigits, value);
     return text;
 }
 
-// What was written reads back as a number that has the same digits.
+// What was written reads back as a number that has the same digits. It need not be a double: the digits of the largest
+// ones round up to more than a double holds.
 void CheckNumber(const CodePoints& written, double value, int fractionDigits)
 {
     const std::string text(written.begin(), written.end());
     char* end = nullptr;
-    const double back = std::strtod(text.c_str(), &end);
+    const long double back = std::strtold(text.c_str(), &end);
     Require(*end == '\0' && ExponentForm(back, fractionDigits) == ExponentForm(value, fractionDigits));
 }
 
