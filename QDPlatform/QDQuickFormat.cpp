@@ -9,6 +9,7 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <limits>
 #include <system_error>
@@ -240,4 +241,13 @@ int qd_quick_vsnprintf(char* dst, unsigned size, const char* format, va_list arg
     }
     va_end(rest);
     return isRight ? text.CopyTo(dst, size) : -1;
+}
+
+int qd_vsnprintf(char* dst, unsigned size, const char* format, va_list args)
+{
+    va_list quickArgs;
+    va_copy(quickArgs, args);
+    const int result = qd_quick_vsnprintf(dst, size, format, quickArgs);
+    va_end(quickArgs);
+    return result >= 0 ? result : std::vsnprintf(dst, size, format, args);
 }

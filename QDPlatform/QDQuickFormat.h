@@ -18,3 +18,6 @@
 //
 // Leaves errno alone. Uses up `args` in any case.
 int qd_quick_vsnprintf(char* dst, unsigned size, const char* format, va_list args);
+
+// vsnprintf(), the quick way where there is one.
+int qd_vsnprintf(char* dst, unsigned size, const char* format, va_list args);

@@ -21,16 +21,6 @@ unsigned ClampLength(size_t length)
     return static_cast<unsigned>(std::min<size_t>(length, std::numeric_limits<unsigned>::max()));
 }
 
-// vsnprintf(), in less time for most formats.
-int FormatText(char* dst, unsigned size, const char* format, va_list args)
-{
-    va_list quickArgs;
-    va_copy(quickArgs, args);
-    const int result = qd_quick_vsnprintf(dst, size, format, quickArgs);
-    va_end(quickArgs);
-    return result >= 0 ? result : std::vsnprintf(dst, size, format, args);
-}
-
 template<class Unit>
 unsigned Copy(const Unit* src, unsigned srcLen, Unit* dst, unsigned dstSize)
 {
@@ -109,7 +99,7 @@ int qd_sprintf(char* dst, unsigned size, const char* format, ...)
 
 int qd_vsprintf(char* dst, unsigned size, const char* format, va_list args)
 {
-    const int result = FormatText(dst, size, format, args);
+    const int result = qd_vsnprintf(dst, size, format, args);
     if (result >= 0 && result < static_cast<int>(size))
         return result;
     if (result < 0 && errno == EILSEQ)
@@ -147,7 +137,7 @@ int qd_sbcnprintf(char* dst, unsigned size, const char* format, ...)
 
 int qd_vsbcnprintf(char* dst, unsigned size, const char* format, va_list args)
 {
-    const int result = FormatText(dst, size, format, args);
+    const int result = qd_vsnprintf(dst, size, format, args);
     if (result < 0)
         return QDFormatEncodingError;
     if (result < static_cast<int>(size))
