@@ -88,5 +88,12 @@ bool QDCommandPipe::Send(unsigned char command)
 
 bool QDCommandPipe::Receive(unsigned char& command)
 {
-    return ::read(m_ReadEnd.Get(), &command, 1) == 1;
+    return Receive(&command, 1) == 1;
+}
+
+// A signal during the wait is a failure too: the loops read only when there is something to read.
+std::size_t QDCommandPipe::Receive(unsigned char* commands, std::size_t capacity)
+{
+    const ssize_t count = ::read(m_ReadEnd.Get(), commands, capacity);
+    return count > 0 ? static_cast<std::size_t>(count) : 0;
 }

@@ -3,6 +3,8 @@
 #include <QDPlatform/QDCriticalSection.h>
 #include <QDPlatform/QDUniqueFd.h>
 
+#include <cstddef>
+
 // The pipe through which other threads steer a select loop: one byte is one command.
 //
 // Both ends are close-on-exec and below FD_SETSIZE.
@@ -39,6 +41,10 @@ public:
 
     // Takes one command, waiting for it if there is none. Returns false with errno set.
     bool Receive(unsigned char& command);
+
+    // Takes the commands that wait, in their order and at most `capacity` (not 0) of them, into `commands`; waits for
+    // the first if there is none. Returns how many; 0 with errno set on failure.
+    std::size_t Receive(unsigned char* commands, std::size_t capacity);
 
 private:
     const WhenFull m_WhenFull;

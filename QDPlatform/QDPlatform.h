@@ -67,4 +67,8 @@
 #include <QDPlatform/QDTcpServerLink.h>
 #include <QDPlatform/QDTcpServerThread.h>
 #include <QDPlatform/QDTcpServer.h>
+// transfers
+#include <QDPlatform/QDAsyncUrlRequest.h>
+#include <QDPlatform/QDAsyncUrlRequestOptions.h>
+#include <QDPlatform/QDAsyncUrlTransferThread.h>
 // clang-format on

@@ -48,7 +48,7 @@ function(qd_build_library)
     set_target_properties(qdplatform-objects PROPERTIES
         POSITION_INDEPENDENT_CODE ON CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
     target_include_directories(qdplatform-objects PUBLIC ${PROJECT_SOURCE_DIR})
-    target_link_libraries(qdplatform-objects PUBLIC OpenSSL::Crypto Threads::Threads)
+    target_link_libraries(qdplatform-objects PUBLIC CURL::libcurl OpenSSL::Crypto Threads::Threads)
 
     add_library(QDPlatform SHARED $<TARGET_OBJECTS:qdplatform-objects>)
     add_library(QDPlatform::QDPlatform ALIAS QDPlatform)
@@ -56,8 +56,9 @@ function(qd_build_library)
     target_compile_features(QDPlatform PUBLIC cxx_std_17)
     target_include_directories(QDPlatform PUBLIC
         $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
-    target_link_libraries(QDPlatform PRIVATE
-        CURL::libcurl OpenSSL::SSL OpenSSL::Crypto ZLIB::ZLIB Threads::Threads ${CMAKE_DL_LIBS})
+    # The URL requests hand out libcurl's handle, for options of a user's own; all else is the library's own affair.
+    target_link_libraries(QDPlatform PUBLIC CURL::libcurl
+        PRIVATE OpenSSL::SSL OpenSSL::Crypto ZLIB::ZLIB Threads::Threads ${CMAKE_DL_LIBS})
     # --no-as-needed: each dependency stands in the library's NEEDED list, whether or not a call is made into it.
     # --enable-new-dtags: the path is a RUNPATH, which LD_LIBRARY_PATH can override on a bench.
     # -Bsymbolic-functions: calls within the library are bound when it is linked, which halves the relocations of each load.

@@ -62,12 +62,12 @@ macro(qd_package_library)
     set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/triggers)
     set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "platform layer of the Quendrel SCADA server
 One shared library of C++ classes for everything that the server's programs
-ask of Linux: text in UTF-8, time, threads and locks, logs, sockets and TCP
-servers.")
+ask of Linux: text in UTF-8, time, threads and locks, logs, files, sockets, TCP
+servers and URL transfers.")
 
     set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libqdplatform-dev)
     set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
-    set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "libqdplatform (= ${PROJECT_VERSION})")
+    set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "libqdplatform (= ${PROJECT_VERSION}), libcurl4-openssl-dev")
     set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "platform layer of the Quendrel SCADA server - development files
 The headers of libqdplatform, its CMake package QDPlatform and its
 pkg-config file qdplatform.")

@@ -5,6 +5,7 @@
 #include "TakenDescriptors.h"
 #include "TestThread.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -16,6 +17,8 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstddef>
+#include <initializer_list>
 #include <iterator>
 #include <memory>
 #include <set>
@@ -347,6 +350,54 @@ TEST(QDCommandPipe, ReadThatFailsKeepsErrnoAndIsNotDoneAgain)
     }
     EXPECT_TRUE(pipe.Receive(command));
     EXPECT_EQ(command, 5);
+}
+
+TEST(QDCommandPipe, CommandsThatWaitAreReceivedTogetherUpToTheCapacity)
+{
+    QDCommandPipe pipe(WhenFull::Refuse);
+    ASSERT_TRUE(pipe.Open());
+    for (const unsigned char command : std::initializer_list<unsigned char>{5, 0, 255, 7, 8})
+        EXPECT_TRUE(pipe.Send(command));
+    unsigned char commands[] = {99, 99, 99, 99};
+
+    EXPECT_EQ(pipe.Receive(commands, 3), 3u);
+    EXPECT_THAT(commands, testing::ElementsAre(5, 0, 255, 99));
+    EXPECT_EQ(pipe.Receive(commands, 3), 2u);
+    EXPECT_THAT(commands, testing::ElementsAre(7, 8, 255, 99));
+}
+
+TEST(QDCommandPipe, ReceiveOfSeveralWaitsForTheFirst)
+{
+    QDCommandPipe pipe(WhenFull::Refuse);
+    ASSERT_TRUE(pipe.Open());
+    unsigned char commands[4] = {};
+    std::size_t count = 0;
+    TestThread receiver([&] { count = pipe.Receive(commands, sizeof commands); });
+    EXPECT_TRUE(receiver.WaitUntilBlocked());
+
+    pipe.Send(9);
+
+    EXPECT_TRUE(receiver.WaitUntilDone());
+    EXPECT_EQ(count, 1u);
+    EXPECT_EQ(commands[0], 9);
+}
+
+TEST(QDCommandPipe, ReceiveOfSeveralThatFailsGivesNoneAndKeepsErrno)
+{
+    QDCommandPipe pipe(WhenFull::Refuse);
+    ASSERT_TRUE(pipe.Open());
+    pipe.Send(5);
+    unsigned char commands[4] = {};
+    {
+        const FaultPlan plan("read", 1, EIO);
+
+        EXPECT_EQ(pipe.Receive(commands, sizeof commands), 0u);
+
+        EXPECT_EQ(errno, EIO);
+        EXPECT_EQ(plan.GetCallCount(), 1);
+    }
+    EXPECT_EQ(pipe.Receive(commands, sizeof commands), 1u);
+    EXPECT_EQ(commands[0], 5);
 }
 
 TEST(QDCommandPipe, CloseFreesSendersThatWaitForRoom)

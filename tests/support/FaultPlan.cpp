@@ -41,6 +41,8 @@ std::atomic<bool> g_Forever{false};
 std::atomic<int> g_Calls{0};
 std::atomic<bool> g_HasFailed{false};
 
+std::atomic<bool> g_IsLastSelectUnlimited{false};
+
 std::atomic<long long> g_ClockShiftSeconds{0};
 
 // Returns the error with which this call is to fail, or 0.
@@ -97,6 +99,11 @@ bool FaultPlan::HasFailed() const
     return g_HasFailed.load();
 }
 
+bool IsLastSelectUnlimited()
+{
+    return g_IsLastSelectUnlimited.load();
+}
+
 ClockShift::ClockShift(long long unixSeconds)
 {
     timespec now;
@@ -144,8 +151,15 @@ QD_TEST_WRAP(sem_wait, (sem_t * semaphore), (semaphore))
 QD_TEST_WRAP(sem_post, (sem_t * semaphore) noexcept, (semaphore))
 QD_TEST_WRAP(gethostname, (char* name, size_t size) noexcept, (name, size))
 QD_TEST_WRAP(fsync, (int fd), (fd))
-QD_TEST_WRAP(select, (int count, fd_set* readable, fd_set* writable, fd_set* failed, timeval* timeout),
-             (count, readable, writable, failed, timeout))
+
+extern "C" int select(int count, fd_set* readable, fd_set* writable, fd_set* failed, timeval* timeout)
+{
+    static const auto next = NextFunction("select", &select);
+    g_IsLastSelectUnlimited.store(timeout == nullptr); // before the call counts
+    if (const int error = TakeFault("select"))
+        return FailWith(error);
+    return next(count, readable, writable, failed, timeout);
+}
 
 extern "C" int clock_gettime(clockid_t clock, timespec* now) noexcept
 {

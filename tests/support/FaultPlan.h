@@ -26,6 +26,9 @@ public:
     bool HasFailed() const;
 };
 
+// Whether the last call of select() in the process, which may still wait, was without a time limit.
+bool IsLastSelectUnlimited();
+
 // Moves the real-time clock: what clock_gettime(CLOCK_REALTIME) and gettimeofday() give the program, as long as the
 // object lives. Absolute waits of the C library go by the true clock.
 class ClockShift
