@@ -55,6 +55,16 @@ CURL* GetKey(QDAsyncUrlRequest* request)
     return easy != nullptr ? easy : request;
 }
 
+// -1 when there is none.
+int GetHighestMember(const fd_set& set)
+{
+    for (int i = FD_SETSIZE / NFDBITS - 1; i >= 0; --i) {
+        if (set.fds_bits[i] != 0)
+            return (i + 1) * NFDBITS - 1 - std::countl_zero(static_cast<unsigned long>(set.fds_bits[i]));
+    }
+    return -1;
+}
+
 const char* GetActionName(int action)
 {
     switch (action) {
@@ -90,8 +100,7 @@ QDAsyncUrlTransferThread::QDAsyncUrlTransferThread(QDAsyncUrlTransferEvent* even
     m_pPipe(std::make_unique<QDCommandPipe>(QDCommandPipe::WhenFull::Refuse)),
     m_NextTimeout(CQDTimestamp::Never)
 {
-    FD_ZERO(&m_WantedReadable);
-    FD_ZERO(&m_WantedWritable);
+    ForgetSockets();
 }
 
 QDAsyncUrlTransferThread::~QDAsyncUrlTransferThread() = default;
@@ -153,17 +162,14 @@ void QDAsyncUrlTransferThread::StartTransfer(QDAsyncUrlRequest* request)
     {
         const QDCriticalSectionGuard guard(m_Lock);
         CURL* easy = request->GetCurlHandle();
-        CURL* key = GetKey(request);
-        const bool isHere = std::any_of(m_Requests.begin(), m_Requests.end(),
-                                        [&](const RequestMap& requests) { return requests.count(key) != 0; });
+        // A request that is here already stands in the map of its state.
+        const bool isNew = GetRequests(request->GetTransferState()).emplace(GetKey(request), request).second;
         // The transfer thread may be using a handle that is here already.
-        if (!isHere && easy != nullptr)
+        if (isNew && easy != nullptr)
             ::curl_easy_setopt(easy, CURLOPT_USERAGENT, m_UserAgent.c_str());
         const int requestId = static_cast<int>(++m_LastRequestId);
         PrintLog("Queue Request #%d", requestId);
         request->SetAsyncUrlRequestId(requestId);
-        if (!isHere)
-            GetRequests(request->GetTransferState()).emplace(key, request);
     }
     SendThreadEvent(kCommandStart);
 }
@@ -263,9 +269,7 @@ void QDAsyncUrlTransferThread::ProcessThreadStop()
     ::curl_multi_cleanup(m_pMulti);
     m_pMulti = nullptr;
     // libcurl need not have said so of every socket that it closed.
-    m_Sockets.clear();
-    FD_ZERO(&m_WantedReadable);
-    FD_ZERO(&m_WantedWritable);
+    ForgetSockets();
     m_pEvents->OnAsyncUrlTransferThreadStop();
     PrintLog("Thread Stopped");
 }
@@ -277,7 +281,7 @@ bool QDAsyncUrlTransferThread::RunOnePass()
     fd_set writable = m_WantedWritable;
     const int commandEnd = m_pPipe->GetReadEnd();
     FD_SET(commandEnd, &readable);
-    const int limit = 1 + (m_Sockets.empty() ? commandEnd : std::max(commandEnd, m_Sockets.rbegin()->first));
+    const int limit = 1 + std::max(commandEnd, GetHighestMember(m_Sockets));
     timeval timeoutStore;
     timeval* timeout = CQDTimestamp::UTCNow().GetSelectTimeout(m_NextTimeout.GetValue(), timeoutStore);
 
@@ -353,13 +357,10 @@ void QDAsyncUrlTransferThread::ProcessReadySockets(const fd_set& ready, int limi
 {
     m_ReadySockets.clear();
     // Word by word: of hundreds of sockets, few are ready in one pass.
-    for (int wordStart = 0; wordStart < limit; wordStart += NFDBITS) {
-        auto word = static_cast<unsigned long>(ready.fds_bits[wordStart / NFDBITS]);
-        for (; word != 0; word &= word - 1) {
-            const int socket = wordStart + std::countr_zero(word);
-            if (m_Sockets.count(socket) != 0)
-                m_ReadySockets.push_back(socket);
-        }
+    for (int i = 0; i * NFDBITS < limit; ++i) {
+        auto word = static_cast<unsigned long>(ready.fds_bits[i] & m_Sockets.fds_bits[i]);
+        for (; word != 0; word &= word - 1)
+            m_ReadySockets.push_back(i * NFDBITS + std::countr_zero(word));
     }
     for (const int socket : m_ReadySockets)
         ::curl_multi_socket_action(m_pMulti, socket, readiness, &m_RunningHandles);
@@ -389,8 +390,8 @@ void QDAsyncUrlTransferThread::FindCompletedRequests()
 int QDAsyncUrlTransferThread::FailUnwatchableTransfers()
 {
     int count = 0;
-    while (!m_Sockets.empty() && !FitsDescriptorSet(m_Sockets.rbegin()->first)) {
-        const auto [socket, easy] = *m_Sockets.rbegin();
+    while (!m_UnwatchableSockets.empty()) {
+        const auto [socket, easy] = *m_UnwatchableSockets.begin();
         RemoveCurlSocket(socket);
         PrintLog("Socket %d is beyond FD_SETSIZE", socket);
         QDAsyncUrlRequest* request = nullptr;
@@ -430,24 +431,35 @@ void QDAsyncUrlTransferThread::CancelAllRequests()
     }
 }
 
-// libcurl may wait for a socket that does not fit a descriptor set; it stays in the table, and in no set, until
-// FailUnwatchableTransfers().
+// A socket that does not fit a descriptor set waits for FailUnwatchableTransfers().
 void QDAsyncUrlTransferThread::RegisterCurlSocket(int socket, CURL* easy, int action)
 {
-    m_Sockets.emplace(socket, easy);
-    if (!FitsDescriptorSet(socket))
+    if (!FitsDescriptorSet(socket)) {
+        m_UnwatchableSockets.emplace(socket, easy);
         return;
+    }
+    FD_SET(socket, &m_Sockets);
     SetMembership(socket, m_WantedReadable, action == CURL_POLL_IN || action == CURL_POLL_INOUT);
     SetMembership(socket, m_WantedWritable, action == CURL_POLL_OUT || action == CURL_POLL_INOUT);
 }
 
 void QDAsyncUrlTransferThread::RemoveCurlSocket(int socket)
 {
-    m_Sockets.erase(socket);
-    if (!FitsDescriptorSet(socket))
+    if (!FitsDescriptorSet(socket)) {
+        m_UnwatchableSockets.erase(socket);
         return;
-    SetMembership(socket, m_WantedReadable, false);
-    SetMembership(socket, m_WantedWritable, false);
+    }
+    FD_CLR(socket, &m_Sockets);
+    FD_CLR(socket, &m_WantedReadable);
+    FD_CLR(socket, &m_WantedWritable);
+}
+
+void QDAsyncUrlTransferThread::ForgetSockets()
+{
+    FD_ZERO(&m_Sockets);
+    FD_ZERO(&m_WantedReadable);
+    FD_ZERO(&m_WantedWritable);
+    m_UnwatchableSockets.clear();
 }
 
 void QDAsyncUrlTransferThread::RemoveFromMulti(CURL* easy)

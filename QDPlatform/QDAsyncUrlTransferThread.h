@@ -144,6 +144,7 @@ private:
     void CancelAllRequests();
     void RegisterCurlSocket(int socket, CURL* easy, int action);
     QD_LOCAL void RemoveCurlSocket(int socket);
+    QD_LOCAL void ForgetSockets();
     QD_LOCAL void RemoveFromMulti(CURL* easy);
     QD_LOCAL bool CompleteRequest(CURL* easy, CURLcode result);
     QD_LOCAL void MoveRequest(QDAsyncUrlRequest::TransferState from, RequestMap::iterator position,
@@ -166,11 +167,12 @@ private:
     unsigned int m_LastRequestId QD_GUARDED_BY(m_Lock){0};
 
     // The rest is the transfer thread's alone; libcurl calls back on it.
-    std::map<int, CURL*> m_Sockets; // what libcurl watches, and the easy handle that first used it
-    fd_set m_WantedReadable;        // those of them that are to be watched for reading; all below FD_SETSIZE
-    fd_set m_WantedWritable;        // likewise for writing
-    CURLM* m_pMulti{nullptr};       // null outside the thread's life
-    CQDTimestamp m_NextTimeout;     // UTC; Never: none
+    fd_set m_Sockets;                          // what libcurl uses, as far as it is below FD_SETSIZE
+    fd_set m_WantedReadable;                   // those of them that are to be watched for reading
+    fd_set m_WantedWritable;                   // likewise for writing
+    std::map<int, CURL*> m_UnwatchableSockets; // from FD_SETSIZE on, and the easy handle that first used it
+    CURLM* m_pMulti{nullptr};                  // null outside the thread's life
+    CQDTimestamp m_NextTimeout;                // UTC; Never: none
     bool m_LoopActive{false};
     int m_RunningHandles{0};         // as libcurl last told
     std::vector<int> m_ReadySockets; // of the pass; grows by doubling and is kept between passes
