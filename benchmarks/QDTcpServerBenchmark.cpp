@@ -4,15 +4,14 @@
 
 #include "QDTcpServerEchoServers.h"
 #include "QDTcpServerLoadGenerator.h"
-#include "QDTcpServerRequire.h"
 #include "support/PairedRounds.h"
+#include "support/ThisProcess.h"
 
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/prctl.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -53,14 +52,6 @@ enum Kind : std::size_t
 using ServerFunction = void (*)(unsigned short port, const std::function<void()>& ready);
 constexpr ServerFunction kServers[KindCount] = {RunOurServer, RunUvServer, RunSelectServer};
 
-void PinTo(int core)
-{
-    cpu_set_t cores;
-    CPU_ZERO(&cores);
-    CPU_SET(core, &cores);
-    Require(::sched_setaffinity(0, sizeof cores, &cores) == 0, "two cores are needed: sched_setaffinity");
-}
-
 // Where that is allowed, the load runs as soon as it can, whatever else the machine does: a load that waits for its
 // core hands the server one message at a time, and the figures would show the other programs. The servers run as usual.
 void PreferTheLoad()
@@ -69,15 +60,6 @@ void PreferTheLoad()
     parameters.sched_priority = 1;
     if (::sched_setscheduler(0, SCHED_FIFO | SCHED_RESET_ON_FORK, &parameters) != 0)
         std::fprintf(stderr, "The load runs without priority: on a busy machine the figures are worth less.\n");
-}
-
-// The load has 900 links to each of the three servers at a time.
-void AllowManyDescriptors()
-{
-    rlimit limit;
-    Require(::getrlimit(RLIMIT_NOFILE, &limit) == 0, "getrlimit");
-    limit.rlim_cur = limit.rlim_max;
-    Require(::setrlimit(RLIMIT_NOFILE, &limit) == 0, "setrlimit");
 }
 
 // A port that nobody has at this moment.
@@ -220,7 +202,7 @@ void PrintRow(const char* name, const CaseResult& result)
 
 int main()
 {
-    AllowManyDescriptors();
+    AllowManyDescriptors(); // 900 links to each of the three servers at a time
     PinTo(kLoadCore);
     PreferTheLoad();
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "QDTcpServerRequire.h"
+#include "support/ThisProcess.h"
 
 #include <QDPlatform/COutputLogNull.h>
 #include <QDPlatform/QDTcpServer.h>

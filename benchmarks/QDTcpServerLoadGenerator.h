@@ -1,6 +1,6 @@
 #pragma once
 
-#include "QDTcpServerRequire.h"
+#include "support/ThisProcess.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
