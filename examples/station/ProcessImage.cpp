@@ -1,5 +1,7 @@
 #include "ProcessImage.h"
 
+#include "PeerReadings.h"
+
 #include <algorithm>
 #include <utility>
 
@@ -7,6 +9,8 @@ namespace
 {
 
 constexpr uint32_t kRecentSeconds = 10 * 60;
+
+static_assert(PeerReadings::kBlockSize == 16); // as the clients know it
 
 // Copies as many items as `values` has room for, from address `first` on; false when the table does not have them all.
 template<class Value>
@@ -39,31 +43,6 @@ std::array<bool, ProcessImage::kDiscreteInputCount> DiscreteInputsOf(const HostF
     return inputs;
 }
 
-std::array<uint16_t, ProcessImage::kInputRegisterCount> InputRegistersOf(const HostFigures& figures)
-{
-    CQDTimestamp::TimestampStruct clock;
-    figures.m_Time.GetTimestampStruct(clock);
-    std::array<uint16_t, ProcessImage::kInputRegisterCount> registers{};
-    const auto set = [&](std::size_t address, uint32_t value) { registers[address] = static_cast<uint16_t>(value); };
-    const auto setLong = [&](std::size_t address, uint32_t value) {
-        set(address, value >> 16);
-        set(address + 1, value & 0xFFFF);
-    };
-    setLong(ProcessImage::InputUptimeSeconds, figures.m_UptimeSeconds);
-    set(ProcessImage::InputLoad1Minute, figures.m_Load1Minute);
-    set(ProcessImage::InputLoad5Minutes, figures.m_Load5Minutes);
-    set(ProcessImage::InputLoad15Minutes, figures.m_Load15Minutes);
-    setLong(ProcessImage::InputFreeMemoryKiB, figures.m_FreeMemoryKiB);
-    set(ProcessImage::InputClockYear, clock.m_Year);
-    set(ProcessImage::InputClockMonth, clock.m_Month);
-    set(ProcessImage::InputClockDay, clock.m_Day);
-    set(ProcessImage::InputClockHour, clock.m_Hour);
-    set(ProcessImage::InputClockMinute, clock.m_Minute);
-    set(ProcessImage::InputClockSecond, clock.m_Second);
-    set(ProcessImage::InputClockMillisecond, clock.m_Millisecond);
-    return registers;
-}
-
 } // namespace
 
 ProcessImage::ProcessImage(HostFiguresReader readHostFigures) : m_ReadHostFigures(std::move(readHostFigures)) {}
@@ -72,6 +51,11 @@ void ProcessImage::KeepHoldingRegisters(const HoldingRegisters& registers, Regis
 {
     m_HoldingRegisters = registers;
     m_KeepRegisters = std::move(keep);
+}
+
+void ProcessImage::ShowPeers(const PeerReadings& peers)
+{
+    m_pPeers = &peers;
 }
 
 bool ProcessImage::ReadCoils(std::size_t first, std::span<bool> coils) const
@@ -93,7 +77,15 @@ bool ProcessImage::ReadHoldingRegisters(std::size_t first, std::span<uint16_t> r
 
 bool ProcessImage::ReadInputRegisters(std::size_t first, std::span<uint16_t> registers) const
 {
-    return CopyFromTable<uint16_t>(InputRegistersOf(m_ReadHostFigures()), first, registers);
+    const HostRegisters host = HostRegistersOf(m_ReadHostFigures());
+    const std::size_t peerCount = m_pPeers == nullptr ? 0 : m_pPeers->GetPeerCount();
+    if (peerCount == 0)
+        return CopyFromTable<uint16_t>(host, first, registers);
+    std::array<uint16_t, PeerReadings::kBlockSize*(1 + PeerReadings::kMaximumPeers)> store{};
+    const std::span table = std::span(store).first(PeerReadings::kBlockSize * (1 + peerCount));
+    std::ranges::copy(host, table.begin());
+    m_pPeers->Show(table.subspan(PeerReadings::kBlockSize));
+    return CopyFromTable<uint16_t>(table, first, registers);
 }
 
 bool ProcessImage::WriteCoils(std::size_t first, std::span<const bool> coils)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "HostFigures.h"
+#include "HostRegisters.h"
 
 #include <array>
 #include <cstddef>
@@ -9,24 +10,29 @@
 #include <mutex>
 #include <span>
 
+class PeerReadings;
+
 // The station's data as its clients see them: four tables, addressed from 0.
 //
 //   coils               read and written; all off at the start
 //   discrete inputs     read only; states of the host, worked out when they are read
 //   holding registers   read and written; all 0 at the start, unless KeepHoldingRegisters() says otherwise
-//   input registers     read only; figures of the host, worked out when they are read
+//   input registers     read only; figures of the host, worked out when they are read, and those of its peers behind
+//                       them when ShowPeers() says so
 //
 // Each call is one moment: values that are read together stood in the table together, values that are written together
 // appear together. Each returns false, or a result that says so, with nothing read or written when the addresses reach
 // beyond the table.
-// Thread: any number, KeepHoldingRegisters() apart.
+// Thread: any number, KeepHoldingRegisters() and ShowPeers() apart.
 class ProcessImage
 {
 public:
     static constexpr std::size_t kCoilCount = 2048;
     static constexpr std::size_t kHoldingRegisterCount = 1024;
 
-    // What each address of the two live tables holds. Numbers of 32 bits have their high half first.
+    static constexpr std::size_t kInputRegisterCount = kHostRegisterCount; // without peers
+
+    // What each address of the discrete inputs holds. HostRegister names the input registers.
     enum DiscreteInput : std::size_t
     {
         InputHeartbeat,           // on in every other second
@@ -34,23 +40,6 @@ public:
         InputMemoryIsLow,         // less than a sixteenth of the memory is free
         InputHostStartedRecently, // less than ten minutes ago
         kDiscreteInputCount
-    };
-
-    enum InputRegister : std::size_t
-    {
-        InputUptimeSeconds,                        // 32 bits
-        InputLoad1Minute = InputUptimeSeconds + 2, // times 100
-        InputLoad5Minutes,                         // times 100
-        InputLoad15Minutes,                        // times 100
-        InputFreeMemoryKiB,                        // 32 bits
-        InputClockYear = InputFreeMemoryKiB + 2,   // UTC, like all that follow
-        InputClockMonth,                           // 1..12
-        InputClockDay,                             // 1..31
-        InputClockHour,                            // 0..23
-        InputClockMinute,                          // 0..59
-        InputClockSecond,                          // 0..59
-        InputClockMillisecond,                     // 0..999
-        kInputRegisterCount
     };
 
     enum class WriteResult
@@ -77,6 +66,11 @@ public:
     // registers.
     void KeepHoldingRegisters(const HoldingRegisters& registers, RegisterKeeper keep);
 
+    // Makes the input registers longer by a block of 16 for each peer, if there are any: block 0 is the host with two
+    // registers of 0 behind it, block n the n-th peer as PeerReadings::Show() has it.
+    // To be called before other threads have the image. Borrows: the peers, which must outlive the image.
+    void ShowPeers(const PeerReadings& peers);
+
     bool ReadCoils(std::size_t first, std::span<bool> coils) const;
     bool ReadDiscreteInputs(std::size_t first, std::span<bool> inputs) const;
     bool ReadHoldingRegisters(std::size_t first, std::span<uint16_t> registers) const;
@@ -87,8 +81,9 @@ public:
 
 private:
     const HostFiguresReader m_ReadHostFigures;
-    RegisterKeeper m_KeepRegisters; // may be empty; set before other threads have the image
-    std::mutex m_WriteLock;         // whoever writes holding registers; taken before m_Lock
+    const PeerReadings* m_pPeers{nullptr}; // not owned, may be null; set before other threads have the image
+    RegisterKeeper m_KeepRegisters;        // may be empty; set before other threads have the image
+    std::mutex m_WriteLock;                // whoever writes holding registers; taken before m_Lock
     mutable std::mutex m_Lock;
     std::array<bool, kCoilCount> m_Coils{}; // m_Lock
     // Once other threads have the image: written under both locks, so read under either.

@@ -1,5 +1,8 @@
 #include "StationOptions.h"
 
+#include "PeerReadings.h"
+#include "PeerUrl.h"
+
 #include <QDPlatform/QDCommandArguments.h>
 
 #include <charconv>
@@ -8,6 +11,8 @@
 const char* const kStationUsage = R"(station: a small SCADA station that serves Modbus/TCP
 
   -port N      TCP port to listen on, 1 to 65535; 1502 if not given
+  -http PORT   TCP port on which HTTP clients get /readings, 1 to 65535; none if not given
+  -poll URL    readings of another station, http://HOST:PORT/readings, to be shown as input registers; up to 16 times
   -links N     connections that one worker thread serves, 1 to 64; 64 if not given
   -log LEVEL   how much to log, 0 (errors) to 6 (every byte); 2 if not given
   -logdir DIR  folder of the log and the saved registers; $HOME/.quendrelscada if not given
@@ -21,12 +26,20 @@ namespace
 
 using CommandArgument = CQDCommandArguments::CommandArgument;
 
-constexpr std::size_t kMaximumFolderLength = 1023; // the library cuts arguments behind 1024 bytes
+constexpr std::size_t kMaximumTextLength = 1023; // the library cuts arguments behind 1024 bytes
 
 // As it was typed.
 std::string TextOf(const CommandArgument& argument)
 {
     return argument.m_Kind == CQDCommandArguments::ArgumentOption ? '-' + argument.m_Text : argument.m_Text;
+}
+
+// For an error text. What looks like a URL is not repeated: it may hold a password.
+std::string Show(const CommandArgument& argument)
+{
+    const std::string text = TextOf(argument);
+    const bool mayBeUrl = text.find('@') != std::string::npos || text.find("://") != std::string::npos;
+    return mayBeUrl ? "<URL>" : '"' + text + '"';
 }
 
 // Reads a decimal number, nothing before and nothing after it, from `minimum` to `maximum`.
@@ -41,7 +54,7 @@ bool Refuse(const std::string& option, const std::string& needs, const CommandAr
 {
     error = option + " needs " + needs;
     if (value != nullptr)
-        error += ", not \"" + TextOf(*value) + "\"";
+        error += ", not " + Show(*value);
     return false;
 }
 
@@ -60,11 +73,30 @@ bool ParseFolder(const std::string& option, const CommandArgument* value, std::s
 {
     if (value == nullptr || value->m_Kind != CQDCommandArguments::ArgumentValue || value->m_Text.empty())
         return Refuse(option, "the name of a folder", value, error);
-    if (value->m_Text.size() > kMaximumFolderLength) {
-        error = option + " takes a name of at most " + std::to_string(kMaximumFolderLength) + " bytes";
+    if (value->m_Text.size() > kMaximumTextLength) {
+        error = option + " takes a name of at most " + std::to_string(kMaximumTextLength) + " bytes";
         return false;
     }
     folder = value->m_Text;
+    return true;
+}
+
+bool ParseUrl(const std::string& option, const CommandArgument* value, std::vector<std::string>& urls,
+              std::string& error)
+{
+    if (value == nullptr || value->m_Kind != CQDCommandArguments::ArgumentValue) {
+        error = option + " needs a URL that begins with http:// or https://";
+        return false;
+    }
+    if (const std::string wrong = WhatIsWrongWithUrl(value->m_Text); !wrong.empty()) {
+        error = option + ' ' + wrong;
+        return false;
+    }
+    if (urls.size() == PeerReadings::kMaximumPeers) {
+        error = option + " can be given " + std::to_string(PeerReadings::kMaximumPeers) + " times, not more";
+        return false;
+    }
+    urls.push_back(value->m_Text);
     return true;
 }
 
@@ -86,6 +118,13 @@ bool ParseStationOptions(int argumentCount, char** arguments, StationOptions& op
             if (!ParseValue(option, list.GetNextArgument(), 1, 65535, number, error))
                 return false;
             options.m_Port = static_cast<unsigned short>(number);
+        } else if (option == "-http") {
+            if (!ParseValue(option, list.GetNextArgument(), 1, 65535, number, error))
+                return false;
+            options.m_HttpPort = static_cast<unsigned short>(number);
+        } else if (option == "-poll") {
+            if (!ParseUrl(option, list.GetNextArgument(), options.m_PollUrls, error))
+                return false;
         } else if (option == "-links") {
             if (!ParseValue(option, list.GetNextArgument(), 1, 64, number, error))
                 return false;
@@ -98,9 +137,13 @@ bool ParseStationOptions(int argumentCount, char** arguments, StationOptions& op
             if (!ParseFolder(option, list.GetNextArgument(), options.m_LogFolder, error))
                 return false;
         } else {
-            error = "unknown argument \"" + option + "\"; -help lists the options";
+            error = "unknown argument " + Show(*argument) + "; -help lists the options";
             return false;
         }
+    }
+    if (options.m_HttpPort == options.m_Port) {
+        error = "-http needs another port than that of Modbus";
+        return false;
     }
     return true;
 }

@@ -1,15 +1,23 @@
 // A small SCADA station: a Modbus/TCP server whose clients read live figures of the host and write registers and coils.
+// It gives its readings to other stations, and shows theirs.
+#include "PeerPoller.h"
+#include "PeerReadings.h"
+#include "PeerUrl.h"
 #include "ProcessImage.h"
+#include "ReadingsServer.h"
 #include "RegisterFile.h"
 #include "StationFolder.h"
 #include "StationOptions.h"
 #include "StationServer.h"
 
 #include <QDPlatform/COutputLogToFile.h>
+#include <QDPlatform/QDAsyncUrlTransferThread.h>
 
 #include <signal.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <string>
 
 namespace
@@ -59,20 +67,95 @@ int WaitForStop(const sigset_t& stopSignals)
     return number;
 }
 
-int Serve(const StationOptions& options, const sigset_t& stopSignals, ProcessImage& image, COutputLog& log)
+// What runs while the station serves: all of it, or nothing.
+class Service
 {
-    const std::string port = std::to_string(options.m_Port);
-    StationServer server(&log, image, options.m_Port, options.m_LinksPerThread);
-    server.SetLinkLogging(options.m_LogLevel);
-    if (!server.StartTcpServer())
-        return FailWith(kExitCannotServe,
-                        "cannot listen on port " + port + "; the log says why. Is another program using it?");
-    ShowAndLog(log, "serving Modbus/TCP on port " + port);
+public:
+    // The log must be good for several threads.
+    Service(const StationOptions& options, ProcessImage& image, PeerReadings& peers, COutputLog& log) :
+        m_Options(options),
+        m_ModbusServer(&log, image, options.m_Port, options.m_LinksPerThread),
+        m_ReadingsServer(&log, image, options.m_HttpPort, options.m_LinksPerThread),
+        m_Poller(log, options.m_LogLevel >= TcpServerLinkLoggingDetail ? &log : nullptr, options.m_PollUrls, peers)
+    {
+        m_ModbusServer.SetLinkLogging(options.m_LogLevel);
+        m_ReadingsServer.SetLinkLogging(options.m_LogLevel);
+    }
+
+    Service(const Service&) = delete;
+    Service& operator=(const Service&) = delete;
+
+    // On false nothing runs, and `error` has the reason. What was started must be stopped.
+    bool Start(std::string& error)
+    {
+        if (StartAll(error))
+            return true;
+        Stop();
+        return false;
+    }
+
+    // What was not started needs no stop, but can have one.
+    void Stop()
+    {
+        m_Poller.Stop();
+        if (m_Options.m_HttpPort != 0) // the log is not to hear of a server that nobody asked for
+            m_ReadingsServer.StopTcpServer();
+        m_ModbusServer.StopTcpServer();
+    }
+
+private:
+    bool StartAll(std::string& error)
+    {
+        if (!Listen(m_ModbusServer, m_Options.m_Port, error))
+            return false;
+        if (m_Options.m_HttpPort != 0 && !Listen(m_ReadingsServer, m_Options.m_HttpPort, error))
+            return false;
+        if (!m_Options.m_PollUrls.empty() && !m_Poller.Start()) {
+            error = std::string("cannot start polling: ") + std::strerror(errno);
+            return false;
+        }
+        return true;
+    }
+
+    static bool Listen(ImageServer& server, unsigned short port, std::string& error)
+    {
+        if (server.StartTcpServer())
+            return true;
+        error = "cannot listen on port " + std::to_string(port) + "; the log says why. Is another program using it?";
+        return false;
+    }
+
+    const StationOptions& m_Options;
+    StationServer m_ModbusServer;
+    ReadingsServer m_ReadingsServer;
+    PeerPoller m_Poller;
+};
+
+void SayWhatIsServed(const StationOptions& options, COutputLog& log)
+{
+    if (options.m_HttpPort != 0)
+        ShowAndLog(log, "serving readings over HTTP on port " + std::to_string(options.m_HttpPort));
+    for (std::size_t i = 0; i < options.m_PollUrls.size(); ++i) {
+        const std::size_t first = PeerReadings::kBlockSize * (i + 1);
+        ShowAndLog(log, "input registers " + std::to_string(first) + " to " +
+                            std::to_string(first + PeerReadings::kBlockSize - 1) + " are of peer " +
+                            std::to_string(i + 1) + ", " + NameOfPeer(options.m_PollUrls[i]));
+    }
+    ShowAndLog(log, "serving Modbus/TCP on port " + std::to_string(options.m_Port));
+}
+
+int Serve(const StationOptions& options, const sigset_t& stopSignals, ProcessImage& image, PeerReadings& peers,
+          COutputLog& log)
+{
+    Service service(options, image, peers, log);
+    if (std::string error; !service.Start(error))
+        return FailWith(kExitCannotServe, error);
+    SayWhatIsServed(options, log);
 
     const int number = WaitForStop(stopSignals);
 
     ShowAndLog(log, "stopping on signal " + std::to_string(number));
-    server.StopTcpServer();
+    service.Stop();
     ShowAndLog(log, "stopped");
     return kExitStopped;
 }
@@ -102,9 +185,11 @@ int RunStation(const StationOptions& options)
         log.PrintString("Station: " + error);
         return FailWith(kExitNoFiles, error);
     }
+    PeerReadings peers(options.m_PollUrls.size());
     ProcessImage image;
     image.KeepHoldingRegisters(registers, [&](const auto& changed) { return registerFile.Save(changed); });
-    return Serve(options, stopSignals, image, log);
+    image.ShowPeers(peers);
+    return Serve(options, stopSignals, image, peers, log);
 }
 
 } // namespace
@@ -119,5 +204,10 @@ int main(int argumentCount, char** arguments)
         std::fputs(kStationUsage, stdout);
         return kExitStopped;
     }
-    return RunStation(options);
+    if (options.m_PollUrls.empty())
+        return RunStation(options);
+    QDAsyncUrlTransferThread::InitialiseUrlTransferThread(); // while there is one thread
+    const int status = RunStation(options);
+    QDAsyncUrlTransferThread::CleanupUrlTransferThread();
+    return status;
 }
