@@ -53,6 +53,8 @@ protected:
 // A transfer whose socket is not below FD_SETSIZE cannot be waited for: it completes with CURLE_COULDNT_CONNECT and
 // the error text "Socket %d is beyond FD_SETSIZE", which is printed too; the others go on. When libcurl needs the
 // socket for handles of its own (CURLOPT_DOH_URL), it is only printed, and the transfer ends with its own time-out.
+// A host name is looked up on a thread of libcurl's. Should the transfer time out or be cancelled meanwhile, libcurl
+// waits for that thread, and all other transfers with it, unless the request has CURLOPT_QUICK_EXIT.
 // Prints what it does, each line behind the prefix "AsyncUrl".
 // Thread: StartTransfer(), GetNextCompletedRequest(), GetRequestCount(), IsThreadRunning() and SendThreadEvent() from
 //         any thread, the sink's callbacks included. StartAsyncUrlTransferThread() and StopAsyncUrlTransferThread()

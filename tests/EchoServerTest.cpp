@@ -9,9 +9,7 @@
 
 #include <gtest/gtest.h>
 
-#include <netinet/in.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <list>
 #include <string>
@@ -19,24 +17,12 @@
 namespace
 {
 
-bool IsAnybodyListening(unsigned short port)
-{
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const int probe = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const int result = ::connect(probe, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    ::close(probe);
-    return result == 0;
-}
-
 class EchoServerProgram : public testing::Test
 {
 protected:
     void SetUp() override
     {
-        ASSERT_TRUE(WaitUntil([this] { return IsAnybodyListening(m_Port.Get()); })) << m_Program.GetErrors();
+        ASSERT_TRUE(WaitUntil([this] { return IsPortOpen(m_Port.Get()); })) << m_Program.GetErrors();
     }
 
     ReservedPort m_Port;

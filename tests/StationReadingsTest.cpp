@@ -1,6 +1,7 @@
 // The readings that a station gives to others: their text, and the HTTP server that hands it out.
 #include "FaultPlan.h"
 #include "FixedHostFigures.h"
+#include "LinkOnItsOwn.h"
 #include "LoopbackClient.h"
 #include "RecordingLog.h"
 #include "WaitUntil.h"
@@ -505,81 +506,31 @@ TEST(ReadingsLink, ClientThatNeverReadsIsClosed)
 namespace
 {
 
-// A link without a worker, at one end of a pair of sockets: the test calls what the worker would call.
-struct LinkOnItsOwn
-{
-    LinkOnItsOwn()
-    {
-        int sockets[2];
-        if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, sockets) != 0)
-            std::abort();
-        m_Client = sockets[0];
-        TcpServerLinkCreateContext context;
-        context.m_pOutputLog = &m_Log;
-        context.m_pServer = &m_Server;
-        context.m_pServerName = "Reader";
-        context.m_LinkId = 1;
-        context.m_Socket = sockets[1];
-        m_pLink = new ReadingsLink(context, m_Image, kLong);
-        m_pLink->AddRef();
-    }
-
-    ~LinkOnItsOwn()
-    {
-        m_pLink->CloseSocket(false);
-        m_pLink->Release();
-        ::close(m_Client);
-    }
-
-    void Send(const std::string& data) const
-    {
-        EXPECT_EQ(::send(m_Client, data.data(), data.size(), 0), static_cast<ssize_t>(data.size()));
-    }
-
-    std::size_t CountOfBytesReceived() const
-    {
-        char data[4096];
-        const ssize_t count = ::recv(m_Client, data, sizeof data, 0);
-        return count < 0 ? 0 : static_cast<std::size_t>(count);
-    }
-
-    // There is nothing more to receive, now and ever.
-    bool HasEnded() const
-    {
-        char byte = 0;
-        return ::recv(m_Client, &byte, 1, 0) == 0;
-    }
-
-    RecordingLog m_Log;
-    ProcessImage m_Image{&FixedHostFigures};
-    ReadingsServer m_Server{&m_Log, m_Image, 1502, 64, kLong}; // never started
-    ReadingsLink* m_pLink;
-    int m_Client;
-};
+using ReadingsLinkOnItsOwn = LinkOnItsOwn<ReadingsLink, ReadingsServer>;
 
 } // namespace
 
 TEST(ReadingsLink, LastAnswerThatFindsNoRoomIsSentBeforeTheEnd)
 {
-    const LinkOnItsOwn link;
+    const ReadingsLinkOnItsOwn link;
     link.Send("GET / HTTP/1.0\r\n\r\n");
     {
         const FaultPlan noRoom("send", 1, EAGAIN);
         EXPECT_FALSE(link.m_pLink->CallOnRxData());
         ASSERT_TRUE(noRoom.HasFailed());
     }
-    EXPECT_EQ(link.CountOfBytesReceived(), 0u);
+    EXPECT_EQ(link.Receive().size(), 0u);
 
     EXPECT_EQ(link.m_pLink->CallOnTxComplete(), LinkCallbackSuccess);
 
-    EXPECT_EQ(link.CountOfBytesReceived(), 116u);
+    EXPECT_EQ(link.Receive().size(), 116u);
     EXPECT_TRUE(link.HasEnded());
     EXPECT_FALSE(link.m_pLink->IsWriteModeEnabled());
 }
 
 TEST(ReadingsLink, BadRequestWhoseAnswerFindsNoRoomLeavesRoomForWhatFollows)
 {
-    const LinkOnItsOwn link;
+    const ReadingsLinkOnItsOwn link;
     link.Send(std::string(8192, 'x'));
     {
         const FaultPlan noRoom("send", 1, EAGAIN);
@@ -591,16 +542,16 @@ TEST(ReadingsLink, BadRequestWhoseAnswerFindsNoRoomLeavesRoomForWhatFollows)
     EXPECT_FALSE(link.m_pLink->CallOnRxData());
     EXPECT_EQ(link.m_pLink->CallOnTxComplete(), LinkCallbackSuccess);
 
-    EXPECT_EQ(link.CountOfBytesReceived(), BadRequestAnswer("the head is longer than 8192 bytes").size());
+    EXPECT_EQ(link.Receive().size(), BadRequestAnswer("the head is longer than 8192 bytes").size());
     EXPECT_EQ(link.m_Log.CountContaining("The client closed"), 0u);
 }
 
 TEST(ReadingsLink, WhatComesBehindTheLastRequestIsDropped)
 {
-    const LinkOnItsOwn link;
+    const ReadingsLinkOnItsOwn link;
     link.Send("GET / HTTP/1.0\r\n\r\n");
     EXPECT_FALSE(link.m_pLink->CallOnRxData());
-    EXPECT_EQ(link.CountOfBytesReceived(), 116u);
+    EXPECT_EQ(link.Receive().size(), 116u);
     link.Send(kGet);
 
     EXPECT_FALSE(link.m_pLink->CallOnRxData());
@@ -611,7 +562,7 @@ TEST(ReadingsLink, WhatComesBehindTheLastRequestIsDropped)
 
 TEST(ReadingsLink, ClosesInOrderWhenTheClientHasClosedToo)
 {
-    const LinkOnItsOwn link;
+    const ReadingsLinkOnItsOwn link;
     link.Send("GET / HTTP/1.0\r\n\r\n");
     EXPECT_FALSE(link.m_pLink->CallOnRxData());
     EXPECT_EQ(link.m_pLink->CallOnTxComplete(), LinkCallbackSuccess);

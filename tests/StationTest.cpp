@@ -2,6 +2,7 @@
 #include "FaultPlan.h"
 #include "FixedHostFigures.h"
 #include "HexText.h"
+#include "LinkOnItsOwn.h"
 #include "LoopbackClient.h"
 #include "ModbusClient.h"
 #include "RecordingLog.h"
@@ -379,57 +380,13 @@ TEST(StationLink, PostedMessageIsDeletedAndKeepsTheLink)
 namespace
 {
 
-// A link without a worker, at one end of a pair of sockets: the test calls what the worker would call.
-struct LinkOnItsOwn
-{
-    LinkOnItsOwn()
-    {
-        int sockets[2];
-        if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, sockets) != 0)
-            std::abort();
-        m_Client = sockets[0];
-        TcpServerLinkCreateContext context;
-        context.m_pOutputLog = &m_Log;
-        context.m_pServer = &m_Server;
-        context.m_pServerName = "Link";
-        context.m_LinkId = 1;
-        context.m_Socket = sockets[1];
-        m_pLink = new StationLink(context, m_Image, CQDTimeInterval(CQDTimeInterval::TicksPerHour));
-        m_pLink->AddRef();
-    }
-
-    ~LinkOnItsOwn()
-    {
-        m_pLink->CloseSocket(false);
-        m_pLink->Release();
-        ::close(m_Client);
-    }
-
-    void Send(const std::string& data) const
-    {
-        EXPECT_EQ(::send(m_Client, data.data(), data.size(), 0), static_cast<ssize_t>(data.size()));
-    }
-
-    // What has arrived, in hex.
-    std::string Receive() const
-    {
-        char data[4096];
-        const ssize_t count = ::recv(m_Client, data, sizeof data, 0);
-        return count < 0 ? "" : ToHex(std::string(data, static_cast<std::size_t>(count)));
-    }
-
-    RecordingLog m_Log;
-    ProcessImage m_Image{&FixedHostFigures};
-    StationServer m_Server{&m_Log, m_Image, 1502, 64, kLong}; // never started
-    StationLink* m_pLink;
-    int m_Client;
-};
+using StationLinkOnItsOwn = LinkOnItsOwn<StationLink, StationServer>;
 
 } // namespace
 
 TEST(StationLink, CompleteRequestRestartsTheIdleTime)
 {
-    const LinkOnItsOwn link;
+    const StationLinkOnItsOwn link;
     link.Send(Frame(1, "03 0000 0001"));
 
     const CQDTimestamp before = CQDTimestamp::UTCNow();
@@ -442,7 +399,7 @@ TEST(StationLink, CompleteRequestRestartsTheIdleTime)
 
 TEST(StationLink, PartOfARequestDoesNotRestartTheIdleTime)
 {
-    const LinkOnItsOwn link;
+    const StationLinkOnItsOwn link;
     link.m_pLink->SetTimeout(CQDTimestamp(1000));
     link.Send(Frame(1, "03 0000 0001").substr(0, 11));
 
@@ -453,7 +410,7 @@ TEST(StationLink, PartOfARequestDoesNotRestartTheIdleTime)
 
 TEST(StationLink, AnswerThatFindsNoRoomWaitsInWriteMode)
 {
-    const LinkOnItsOwn link;
+    const StationLinkOnItsOwn link;
     link.Send(Frame(1, "03 0000 0001"));
 
     {
@@ -465,13 +422,13 @@ TEST(StationLink, AnswerThatFindsNoRoomWaitsInWriteMode)
     EXPECT_TRUE(link.m_pLink->IsWriteModeEnabled());
     EXPECT_EQ(link.Receive(), "");
     EXPECT_EQ(link.m_pLink->CallOnTxComplete(), LinkCallbackSuccess);
-    EXPECT_EQ(link.Receive(), "0001000000050103020000");
+    EXPECT_EQ(ToHex(link.Receive()), "0001000000050103020000");
     EXPECT_FALSE(link.m_pLink->IsWriteModeEnabled());
 }
 
 TEST(StationLink, AnswersThatWaitComeBeforeLaterOnes)
 {
-    const LinkOnItsOwn link;
+    const StationLinkOnItsOwn link;
     link.Send(Frame(1, "03 0000 0001"));
     {
         const FaultPlan noRoom("send", 1, EAGAIN);
@@ -481,22 +438,22 @@ TEST(StationLink, AnswersThatWaitComeBeforeLaterOnes)
 
     EXPECT_FALSE(link.m_pLink->CallOnRxData());
 
-    EXPECT_EQ(link.Receive(), "0001000000050103020000"
-                              "0002000000050103020000");
+    EXPECT_EQ(ToHex(link.Receive()), "0001000000050103020000"
+                                     "0002000000050103020000");
     EXPECT_FALSE(link.m_pLink->IsWriteModeEnabled());
 }
 
 // The worker asked for room before OnRxData() sent everything and left write mode.
 TEST(StationLink, RoomToWriteWithNothingLeftToSendKeepsTheLink)
 {
-    const LinkOnItsOwn link;
+    const StationLinkOnItsOwn link;
 
     EXPECT_EQ(link.m_pLink->CallOnTxComplete(), LinkCallbackSuccess);
 }
 
 TEST(StationLink, FailedSendClosesTheLink)
 {
-    const LinkOnItsOwn link;
+    const StationLinkOnItsOwn link;
     link.Send(Frame(1, "03 0000 0001"));
     const FaultPlan broken("send", 1, ECONNRESET);
 

@@ -45,6 +45,18 @@ ReservedPort::~ReservedPort()
     ::close(m_Socket);
 }
 
+bool IsPortOpen(unsigned short port)
+{
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const int probe = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int result = ::connect(probe, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    ::close(probe);
+    return result == 0;
+}
+
 LoopbackClient::LoopbackClient(unsigned short port, int family)
 {
     m_Socket = ::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);

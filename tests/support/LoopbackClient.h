@@ -22,6 +22,9 @@ private:
     unsigned short m_Port{0};
 };
 
+// Whether somebody on 127.0.0.1 takes connections on the port.
+bool IsPortOpen(unsigned short port);
+
 // A blocking TCP client on the loopback interface, made of plain system calls. A failure that the test does not ask
 // about stops the program with a message.
 class LoopbackClient

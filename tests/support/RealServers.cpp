@@ -2,11 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
 #include <grp.h>
 #include <netinet/in.h>
 #include <pwd.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -113,18 +111,6 @@ bool HaveFiles(const std::vector<std::string>& files, const char* packages)
     return true;
 }
 
-bool TakesConnections(unsigned short port)
-{
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const int probe = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const int result = ::connect(probe, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    ::close(probe);
-    return result == 0;
-}
-
 // True when some process has the UDP port of 127.0.0.1. A TCP port that is reserved keeps the UDP port of its number
 // from other tests' servers, but not from a test's own UDP socket on a port of the kernel's choice.
 bool IsUdpPortTaken(unsigned short port)
@@ -182,7 +168,7 @@ void RealServer::StartTcp(const std::vector<std::string>& files, const char* pac
                           const std::vector<std::string>& command)
 {
     Start(files, packages, command);
-    AwaitReady([this] { return TakesConnections(GetPort()); });
+    AwaitReady([this] { return IsPortOpen(GetPort()); });
 }
 
 void RealServer::FailStart() const
