@@ -8,6 +8,10 @@ find_package(Threads REQUIRED)
 find_package(CURL REQUIRED)
 find_package(OpenSSL REQUIRED)
 find_package(ZLIB REQUIRED)
+# Declarations only: both libraries are loaded at run time, where they are needed.
+find_path(QD_SYSTEMD_INCLUDE_DIR systemd/sd-bus.h REQUIRED DOC "Headers of libsystemd (Debian: libsystemd-dev)")
+find_path(QD_PAM_INCLUDE_DIR security/pam_appl.h REQUIRED DOC "Headers of Linux-PAM (Debian: libpam0g-dev)")
+mark_as_advanced(QD_SYSTEMD_INCLUDE_DIR QD_PAM_INCLUDE_DIR)
 
 function(qd_compile_settings target)
     set_target_properties(${target} PROPERTIES CXX_STANDARD 20 CXX_STANDARD_REQUIRED ON CXX_EXTENSIONS OFF)
@@ -47,7 +51,8 @@ function(qd_build_library)
     qd_compile_settings(qdplatform-objects)
     set_target_properties(qdplatform-objects PROPERTIES
         POSITION_INDEPENDENT_CODE ON CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
-    target_include_directories(qdplatform-objects PUBLIC ${PROJECT_SOURCE_DIR})
+    target_include_directories(qdplatform-objects PUBLIC ${PROJECT_SOURCE_DIR}
+        PRIVATE ${QD_SYSTEMD_INCLUDE_DIR} ${QD_PAM_INCLUDE_DIR})
     target_link_libraries(qdplatform-objects PUBLIC CURL::libcurl OpenSSL::Crypto Threads::Threads)
 
     add_library(QDPlatform SHARED $<TARGET_OBJECTS:qdplatform-objects>)

@@ -1,11 +1,8 @@
 #pragma once
 
+#include "MountedOver.h"
 #include "SmallFileSystem.h"
 
-#include <sys/mount.h>
-
-#include <cerrno>
-#include <cstring>
 #include <string>
 #include <utility>
 
@@ -16,35 +13,20 @@
 class ReplacedFolder
 {
 public:
-    explicit ReplacedFolder(std::string path) : m_Path(std::move(path)), m_Reason(m_Files.GetReason())
-    {
-        if (!m_Files.IsMounted())
-            return;
-        m_IsMounted = ::mount(m_Files.GetPath().c_str(), m_Path.c_str(), nullptr, MS_BIND, nullptr) == 0;
-        if (!m_IsMounted)
-            m_Reason = "nothing can be mounted over " + m_Path + ": " + std::strerror(errno);
-    }
+    explicit ReplacedFolder(std::string path) : m_Mount(m_Files.GetPath(), std::move(path)) {}
 
     ReplacedFolder(const ReplacedFolder&) = delete;
     ReplacedFolder& operator=(const ReplacedFolder&) = delete;
 
-    ~ReplacedFolder()
-    {
-        if (m_IsMounted)
-            ::umount2(m_Path.c_str(), MNT_DETACH);
-    }
-
-    bool IsMounted() const { return m_IsMounted; }
+    bool IsMounted() const { return m_Files.IsMounted() && m_Mount.IsMounted(); }
 
     // Why it is not mounted.
-    const std::string& GetReason() const { return m_Reason; }
+    const std::string& GetReason() const { return m_Files.IsMounted() ? m_Mount.GetReason() : m_Files.GetReason(); }
 
     // An entry of the folder, by a path that leads to nothing of the system's in any case.
     std::string operator/(const std::string& name) const { return m_Files / name; }
 
 private:
-    const std::string m_Path;
     const SmallFileSystem m_Files{"size=1m"};
-    std::string m_Reason;
-    bool m_IsMounted{false};
+    const MountedOver m_Mount;
 };

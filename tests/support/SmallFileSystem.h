@@ -1,10 +1,9 @@
 #pragma once
 
+#include "PrivateNamespace.h"
 #include "TemporaryFolder.h"
 
-#include <fcntl.h>
 #include <linux/capability.h>
-#include <sched.h>
 #include <sys/mount.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -18,17 +17,17 @@
 // A file system in memory, as small as a test wants its disk, that only this process and its children see: a tmpfs in a
 // mount namespace of the process, in which it stays afterwards.
 //
-// Needs root, or a system where every user may make namespaces; where neither holds, GetReason() says so and the test
-// skips itself with it. To be made by a test's first thread, before there are others.
+// Needs what EnterMountNamespace() needs; where it is not mounted, the test skips itself with GetReason(). To be made
+// by a test's first thread, before there are others.
 class SmallFileSystem
 {
 public:
     // options: those of tmpfs in mount(8), such as "size=64k,nr_inodes=8".
     explicit SmallFileSystem(const std::string& options)
     {
-        if (!EnterNamespace())
-            m_Reason = std::string("no private mount namespace: ") + std::strerror(errno);
-        else if (::mount("tmpfs", m_Folder.GetPath().c_str(), "tmpfs", 0, options.c_str()) != 0)
+        if (!EnterMountNamespace(m_Reason))
+            return;
+        if (::mount("tmpfs", m_Folder.GetPath().c_str(), "tmpfs", 0, options.c_str()) != 0)
             m_Reason = std::string("no tmpfs: ") + std::strerror(errno);
         else
             m_IsMounted = true;
@@ -66,32 +65,6 @@ public:
     }
 
 private:
-    static bool EnterNamespace()
-    {
-        const uid_t user = ::geteuid();
-        const gid_t group = ::getegid();
-        if (user != 0) {
-            // Root in a user namespace of its own, where the user's files stay the user's.
-            if (::unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0 || !Write("/proc/self/setgroups", "deny") ||
-                !Write("/proc/self/uid_map", "0 " + std::to_string(user) + " 1") ||
-                !Write("/proc/self/gid_map", "0 " + std::to_string(group) + " 1"))
-                return false;
-        } else if (::unshare(CLONE_NEWNS) != 0) {
-            return false;
-        }
-        return ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
-    }
-
-    static bool Write(const char* path, const std::string& text)
-    {
-        const int file = ::open(path, O_WRONLY | O_CLOEXEC);
-        if (file < 0)
-            return false;
-        const bool ok = ::write(file, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-        ::close(file);
-        return ok;
-    }
-
     TemporaryFolder m_Folder;
     bool m_IsMounted{false};
     std::string m_Reason;
