@@ -67,8 +67,16 @@
 #include <QDPlatform/QDTcpServerLink.h>
 #include <QDPlatform/QDTcpServerThread.h>
 #include <QDPlatform/QDTcpServer.h>
+#include <QDPlatform/QDUdpServer.h>
+#include <QDPlatform/QDNetworkInfo.h>
 // transfers
 #include <QDPlatform/QDAsyncUrlRequest.h>
 #include <QDPlatform/QDAsyncUrlRequestOptions.h>
 #include <QDPlatform/QDAsyncUrlTransferThread.h>
+// host
+#include <QDPlatform/QDDynamicLib.h>
+#include <QDPlatform/QDSystemDBus.h>
+#include <QDPlatform/QDServiceControl.h>
+#include <QDPlatform/QDUserAuthentication.h>
+#include <QDPlatform/QDEnumerateSerialPorts.h>
 // clang-format on

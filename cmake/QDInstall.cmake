@@ -62,8 +62,8 @@ macro(qd_package_library)
     set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/triggers)
     set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "platform layer of the Quendrel SCADA server
 One shared library of C++ classes for everything that the server's programs
-ask of Linux: text in UTF-8, time, threads and locks, logs, files, sockets, TCP
-servers and URL transfers.")
+ask of Linux: text in UTF-8, time, threads and locks, logs, files, sockets,
+TCP and UDP servers, URL transfers, and the host's services.")
 
     set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libqdplatform-dev)
     set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)

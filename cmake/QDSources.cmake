@@ -1,9 +1,10 @@
-# qd_sources(FAMILY PUBLIC NAME... PRIVATE NAME...)
+# qd_sources(FAMILY [SMALL] PUBLIC NAME... PRIVATE NAME...)
 #
 # Adds the files of one family to the library: QDPlatform/NAME.h, and QDPlatform/NAME.cpp where there is one. PUBLIC
-# headers are installed. Sets QD_PUBLIC_HEADERS and QD_SOURCES in the caller.
+# headers are installed. SMALL is for what programs call now and then: a release build has it small rather than fast.
+# Sets QD_PUBLIC_HEADERS and QD_SOURCES in the caller.
 function(qd_sources family)
-    cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "PUBLIC;PRIVATE")
+    cmake_parse_arguments(PARSE_ARGV 1 arg "SMALL" "" "PUBLIC;PRIVATE")
     if(arg_UNPARSED_ARGUMENTS)
         message(FATAL_ERROR "qd_sources(${family}): unexpected ${arg_UNPARSED_ARGUMENTS}")
     endif()
@@ -13,6 +14,9 @@ function(qd_sources family)
         list(APPEND sources QDPlatform/${name}.h)
         if(EXISTS ${PROJECT_SOURCE_DIR}/QDPlatform/${name}.cpp)
             list(APPEND sources QDPlatform/${name}.cpp)
+            if(arg_SMALL)
+                set_property(SOURCE QDPlatform/${name}.cpp APPEND PROPERTY COMPILE_OPTIONS $<$<CONFIG:Release>:-Os>)
+            endif()
         endif()
         if(name IN_LIST arg_PUBLIC)
             list(APPEND publicHeaders QDPlatform/${name}.h)
