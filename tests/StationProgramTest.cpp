@@ -173,6 +173,8 @@ TEST(StationOptions, DefaultsWithoutArguments)
     EXPECT_EQ(options.m_LinksPerThread, 64u);
     EXPECT_EQ(options.m_LogLevel, TcpServerLinkLoggingDefault);
     EXPECT_EQ(options.m_LogFolder, "");
+    EXPECT_EQ(options.m_ServiceName, "");
+    EXPECT_FALSE(options.m_ShowReport);
     EXPECT_FALSE(options.m_ShowHelp);
 }
 
@@ -188,6 +190,17 @@ TEST(StationOptions, EveryOptionIsTaken)
     EXPECT_EQ(options.m_LogLevel, TcpServerLinkLoggingData);
     EXPECT_EQ(options.m_LogFolder, "a folder");
     EXPECT_TRUE(options.m_ShowHelp);
+}
+
+TEST(StationOptions, ServiceAndReportAreTaken)
+{
+    StationOptions options;
+    std::string error;
+
+    ASSERT_TRUE(Parse({"-report", "-service", "az-AZ_09.a:b@c\\x2d"}, options, error)) << error;
+
+    EXPECT_TRUE(options.m_ShowReport);
+    EXPECT_EQ(options.m_ServiceName, "az-AZ_09.a:b@c\\x2d");
 }
 
 TEST(StationOptions, EveryPollIsTakenInItsOrder)
@@ -229,6 +242,7 @@ TEST(StationOptions, LimitsAreAllowed)
     EXPECT_TRUE(Parse({"-port", "65535", "-links", "64", "-log", "6"}, options, error)) << error;
     EXPECT_TRUE(Parse({"-port", "1502", "-http", "1", "-http", "65535"}, options, error)) << error;
     EXPECT_TRUE(Parse({"-poll", "http://" + std::string(1016, 'x')}, options, error)) << error;
+    EXPECT_TRUE(Parse({"-service", std::string(247, 'x')}, options, error)) << error;
     EXPECT_TRUE(Parse({"-logdir", std::string(1023, 'x')}, options, error)) << error;
     EXPECT_EQ(options.m_LogFolder.size(), 1023u);
 }
@@ -307,6 +321,14 @@ TEST(StationOptions, WhatIsWrongIsNamed)
         {{"-poll", "http://user:sec/ret@host/"},
          "-poll needs a URL without an @ behind /, ? or #; write %40, and in a password %2F, %3F or %23"},
         {{"-poll", "http://" + std::string(1017, 'x')}, "-poll takes a URL of at most 1023 bytes"},
+        {{"-service"}, "-service needs a name of letters, digits and : - _ . @ \\"},
+        {{"-service", ""}, "-service needs a name of letters, digits and : - _ . @ \\, not \"\""},
+        {{"-service", "-report"}, "-service needs a name of letters, digits and : - _ . @ \\, not \"-report\""},
+        {{"-service", "../x"}, "-service needs a name of letters, digits and : - _ . @ \\, not \"../x\""},
+        {{"-service", "a b"}, "-service needs a name of letters, digits and : - _ . @ \\, not \"a b\""},
+        {{"-service", "caf\xC3\xA9"}, "-service needs a name of letters, digits and : - _ . @ \\, not \"caf\xC3\xA9\""},
+        {{"-service", std::string(248, 'x')}, "-service takes a name of at most 247 bytes"},
+        {{"-service", std::string(5000, 'x')}, "-service takes a name of at most 247 bytes"},
         {{"--help"}, "unknown argument \"--help\"; -help lists the options"},
         {{"1502"}, "unknown argument \"1502\"; -help lists the options"},
         {{"-port", "1502", "-verbose"}, "unknown argument \"-verbose\"; -help lists the options"},
@@ -327,20 +349,25 @@ TEST(Station, HelpListsTheOptions)
     ChildProcess station({STATION_PROGRAM, "-help"});
 
     EXPECT_EQ(station.WaitForExit(), 0);
-    EXPECT_EQ(station.GetOutput(),
-              "station: a small SCADA station that serves Modbus/TCP\n"
-              "\n"
-              "  -port N      TCP port to listen on, 1 to 65535; 1502 if not given\n"
-              "  -http PORT   TCP port on which HTTP clients get /readings, 1 to 65535; none if not given\n"
-              "  -poll URL    readings of another station, http://HOST:PORT/readings, to be shown as input registers; "
-              "up to 16 times\n"
-              "  -links N     connections that one worker thread serves, 1 to 64; 64 if not given\n"
-              "  -log LEVEL   how much to log, 0 (errors) to 6 (every byte); 2 if not given\n"
-              "  -logdir DIR  folder of the log and the saved registers; $HOME/.quendrelscada if not "
-              "given\n"
-              "  -help        print this and exit\n"
-              "\n"
-              "SIGINT (Ctrl-C) and SIGTERM stop the station.\n");
+    EXPECT_EQ(
+        station.GetOutput(),
+        "station: a small SCADA station that serves Modbus/TCP\n"
+        "\n"
+        "  -port N        TCP port to listen on, 1 to 65535; 1502 if not given\n"
+        "  -http PORT     TCP port on which HTTP clients get /readings, 1 to 65535; none if not given\n"
+        "  -time-port N   UDP port on which SNTP clients get the time, 1 to 65535; none if not given\n"
+        "  -poll URL      readings of another station, http://HOST:PORT/readings, to be shown as input registers; "
+        "up to 16 times\n"
+        "  -links N       connections that one worker thread serves, 1 to 64; 64 if not given\n"
+        "  -log LEVEL     how much to log, 0 (errors) to 6 (every byte); 2 if not given\n"
+        "  -logdir DIR    folder of the log and the saved registers; $HOME/.quendrelscada if not "
+        "given\n"
+        "  -service NAME  say at the start how systemd runs the unit NAME.service; none if not given\n"
+        "  -report        print the host's name, addresses, serial ports and time zone, with -service the unit's "
+        "state, and exit\n"
+        "  -help          print this and exit\n"
+        "\n"
+        "SIGINT (Ctrl-C) and SIGTERM stop the station.\n");
     EXPECT_EQ(station.GetErrors(), "");
 }
 

@@ -2,6 +2,7 @@
 
 #include "PeerReadings.h"
 #include "PeerUrl.h"
+#include "ServiceState.h"
 
 #include <QDPlatform/QDCommandArguments.h>
 
@@ -10,13 +11,16 @@
 
 const char* const kStationUsage = R"(station: a small SCADA station that serves Modbus/TCP
 
-  -port N      TCP port to listen on, 1 to 65535; 1502 if not given
-  -http PORT   TCP port on which HTTP clients get /readings, 1 to 65535; none if not given
-  -poll URL    readings of another station, http://HOST:PORT/readings, to be shown as input registers; up to 16 times
-  -links N     connections that one worker thread serves, 1 to 64; 64 if not given
-  -log LEVEL   how much to log, 0 (errors) to 6 (every byte); 2 if not given
-  -logdir DIR  folder of the log and the saved registers; $HOME/.quendrelscada if not given
-  -help        print this and exit
+  -port N        TCP port to listen on, 1 to 65535; 1502 if not given
+  -http PORT     TCP port on which HTTP clients get /readings, 1 to 65535; none if not given
+  -time-port N   UDP port on which SNTP clients get the time, 1 to 65535; none if not given
+  -poll URL      readings of another station, http://HOST:PORT/readings, to be shown as input registers; up to 16 times
+  -links N       connections that one worker thread serves, 1 to 64; 64 if not given
+  -log LEVEL     how much to log, 0 (errors) to 6 (every byte); 2 if not given
+  -logdir DIR    folder of the log and the saved registers; $HOME/.quendrelscada if not given
+  -service NAME  say at the start how systemd runs the unit NAME.service; none if not given
+  -report        print the host's name, addresses, serial ports and time zone, with -service the unit's state, and exit
+  -help          print this and exit
 
 SIGINT (Ctrl-C) and SIGTERM stop the station.
 )";
@@ -81,6 +85,25 @@ bool ParseFolder(const std::string& option, const CommandArgument* value, std::s
     return true;
 }
 
+// Whether systemd could have a unit `name`.service.
+bool IsServiceName(const std::string& name)
+{
+    constexpr const char* kCharacters = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789:-_.@\\";
+    return !name.empty() && name.find_first_not_of(kCharacters) == std::string::npos;
+}
+
+bool ParseServiceName(const std::string& option, const CommandArgument* value, std::string& name, std::string& error)
+{
+    if (value == nullptr || value->m_Kind != CQDCommandArguments::ArgumentValue || !IsServiceName(value->m_Text))
+        return Refuse(option, "a name of letters, digits and : - _ . @ \\", value, error);
+    if (value->m_Text.size() > kMaximumServiceNameLength) {
+        error = option + " takes a name of at most " + std::to_string(kMaximumServiceNameLength) + " bytes";
+        return false;
+    }
+    name = value->m_Text;
+    return true;
+}
+
 bool ParseUrl(const std::string& option, const CommandArgument* value, std::vector<std::string>& urls,
               std::string& error)
 {
@@ -122,6 +145,10 @@ bool ParseStationOptions(int argumentCount, char** arguments, StationOptions& op
             if (!ParseValue(option, list.GetNextArgument(), 1, 65535, number, error))
                 return false;
             options.m_HttpPort = static_cast<unsigned short>(number);
+        } else if (option == "-time-port") {
+            if (!ParseValue(option, list.GetNextArgument(), 1, 65535, number, error))
+                return false;
+            options.m_TimePort = static_cast<unsigned short>(number);
         } else if (option == "-poll") {
             if (!ParseUrl(option, list.GetNextArgument(), options.m_PollUrls, error))
                 return false;
@@ -136,6 +163,11 @@ bool ParseStationOptions(int argumentCount, char** arguments, StationOptions& op
         } else if (option == "-logdir") {
             if (!ParseFolder(option, list.GetNextArgument(), options.m_LogFolder, error))
                 return false;
+        } else if (option == "-service") {
+            if (!ParseServiceName(option, list.GetNextArgument(), options.m_ServiceName, error))
+                return false;
+        } else if (option == "-report") {
+            options.m_ShowReport = true;
         } else {
             error = "unknown argument " + Show(*argument) + "; -help lists the options";
             return false;

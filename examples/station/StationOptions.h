@@ -10,11 +10,14 @@ struct StationOptions
 {
     unsigned short m_Port{1502};
     unsigned short m_HttpPort{0}; // of the readings; 0 for none
+    unsigned short m_TimePort{0}; // UDP, of the time; 0 for none
     unsigned int m_LinksPerThread{64};
     TcpServerLinkLogging m_LogLevel{TcpServerLinkLoggingDefault};
     std::string m_LogFolder;             // of the log and the registers; empty for the default
     std::vector<std::string> m_PollUrls; // of the other stations' readings, at most PeerReadings::kMaximumPeers
-    bool m_ShowHelp{false};
+    std::string m_ServiceName;           // of the unit whose state is shown; empty for none
+    bool m_ShowReport{false};            // instead of serving
+    bool m_ShowHelp{false};              // instead of all else
 };
 
 // What -help prints.

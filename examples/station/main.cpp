@@ -1,17 +1,22 @@
 // A small SCADA station: a Modbus/TCP server whose clients read live figures of the host and write registers and coils.
 // It gives its readings to other stations, and shows theirs.
+#include "HostReport.h"
 #include "PeerPoller.h"
 #include "PeerReadings.h"
 #include "PeerUrl.h"
 #include "ProcessImage.h"
 #include "ReadingsServer.h"
 #include "RegisterFile.h"
+#include "ServiceState.h"
 #include "StationFolder.h"
 #include "StationOptions.h"
 #include "StationServer.h"
+#include "TimeServer.h"
 
 #include <QDPlatform/COutputLogToFile.h>
+#include <QDPlatform/CTextOutputString.h>
 #include <QDPlatform/QDAsyncUrlTransferThread.h>
+#include <QDPlatform/QDTimestamp.h>
 
 #include <signal.h>
 
@@ -24,7 +29,7 @@ namespace
 {
 
 constexpr int kExitStopped = 0;
-constexpr int kExitCannotServe = 1;
+constexpr int kExitCannotServe = 1; // or not print what was asked for
 constexpr int kExitBadArguments = 2;
 constexpr int kExitNoFiles = 3; // no folder, no log or no registers
 
@@ -45,6 +50,14 @@ void ShowAndLog(COutputLog& log, const std::string& text)
 {
     log.PrintString("Station: " + text);
     Show(text);
+}
+
+// For what is all that the program was asked to do. Returns the exit status.
+int PrintAndEnd(const std::string& text)
+{
+    if (std::fputs(text.c_str(), stdout) == EOF || std::fflush(stdout) != 0)
+        return FailWith(kExitCannotServe, std::string("cannot write to standard output: ") + std::strerror(errno));
+    return kExitStopped;
 }
 
 // Blocks the signals that stop the station, so that WaitForStop() finds them. Threads inherit this: it must come before
@@ -76,6 +89,7 @@ public:
         m_Options(options),
         m_ModbusServer(&log, image, options.m_Port, options.m_LinksPerThread),
         m_ReadingsServer(&log, image, options.m_HttpPort, options.m_LinksPerThread),
+        m_TimeServer(&log, options.m_TimePort),
         m_Poller(log, options.m_LogLevel >= TcpServerLinkLoggingDetail ? &log : nullptr, options.m_PollUrls, peers)
     {
         m_ModbusServer.SetLinkLogging(options.m_LogLevel);
@@ -100,16 +114,20 @@ public:
         m_Poller.Stop();
         if (m_Options.m_HttpPort != 0) // the log is not to hear of a server that nobody asked for
             m_ReadingsServer.StopTcpServer();
+        if (m_Options.m_TimePort != 0)
+            m_TimeServer.StopSocketThread();
         m_ModbusServer.StopTcpServer();
     }
 
 private:
     bool StartAll(std::string& error)
     {
-        if (!Listen(m_ModbusServer, m_Options.m_Port, error))
-            return false;
-        if (m_Options.m_HttpPort != 0 && !Listen(m_ReadingsServer, m_Options.m_HttpPort, error))
-            return false;
+        if (!m_ModbusServer.StartTcpServer())
+            return FailToListen(m_Options.m_Port, error);
+        if (m_Options.m_HttpPort != 0 && !m_ReadingsServer.StartTcpServer())
+            return FailToListen(m_Options.m_HttpPort, error);
+        if (m_Options.m_TimePort != 0 && !m_TimeServer.StartSocketThread())
+            return FailToListen(m_Options.m_TimePort, error);
         if (!m_Options.m_PollUrls.empty() && !m_Poller.Start()) {
             error = std::string("cannot start polling: ") + std::strerror(errno);
             return false;
@@ -117,10 +135,8 @@ private:
         return true;
     }
 
-    static bool Listen(ImageServer& server, unsigned short port, std::string& error)
+    static bool FailToListen(unsigned short port, std::string& error)
     {
-        if (server.StartTcpServer())
-            return true;
         error = "cannot listen on port " + std::to_string(port) + "; the log says why. Is another program using it?";
         return false;
     }
@@ -128,6 +144,7 @@ private:
     const StationOptions& m_Options;
     StationServer m_ModbusServer;
     ReadingsServer m_ReadingsServer;
+    TimeServer m_TimeServer;
     PeerPoller m_Poller;
 };
 
@@ -135,6 +152,8 @@ void SayWhatIsServed(const StationOptions& options, COutputLog& log)
 {
     if (options.m_HttpPort != 0)
         ShowAndLog(log, "serving readings over HTTP on port " + std::to_string(options.m_HttpPort));
+    if (options.m_TimePort != 0)
+        ShowAndLog(log, "serving time over UDP on port " + std::to_string(options.m_TimePort));
     for (std::size_t i = 0; i < options.m_PollUrls.size(); ++i) {
         const std::size_t first = PeerReadings::kBlockSize * (i + 1);
         ShowAndLog(log, "input registers " + std::to_string(first) + " to " +
@@ -178,6 +197,8 @@ int RunStation(const StationOptions& options)
                                           "; is there room, and may this user write in the folder and to the newest of "
                                           "these files?");
     Show("log in " + logName);
+    if (!options.m_ServiceName.empty())
+        ShowAndLog(log, DescribeService(options.m_ServiceName, log));
 
     RegisterFile registerFile(folder.GetPath(), log);
     ProcessImage::HoldingRegisters registers;
@@ -192,6 +213,20 @@ int RunStation(const StationOptions& options)
     return Serve(options, stopSignals, image, peers, log);
 }
 
+std::string MakeReport(const StationOptions& options)
+{
+    CTextOutputString text;
+    text.SetLineTermination(LineTerminationLF);
+    HostReport report(text);
+    report.PrintHost();
+    report.PrintNetwork();
+    report.PrintSerialPorts();
+    report.PrintTimeZone(CQDTimestamp::UTCNow());
+    if (!options.m_ServiceName.empty())
+        report.PrintService(options.m_ServiceName);
+    return text.MoveString();
+}
+
 } // namespace
 
 int main(int argumentCount, char** arguments)
@@ -200,10 +235,10 @@ int main(int argumentCount, char** arguments)
     std::string error;
     if (!ParseStationOptions(argumentCount, arguments, options, error))
         return FailWith(kExitBadArguments, error);
-    if (options.m_ShowHelp) {
-        std::fputs(kStationUsage, stdout);
-        return kExitStopped;
-    }
+    if (options.m_ShowHelp)
+        return PrintAndEnd(kStationUsage);
+    if (options.m_ShowReport)
+        return PrintAndEnd(MakeReport(options));
     if (options.m_PollUrls.empty())
         return RunStation(options);
     QDAsyncUrlTransferThread::InitialiseUrlTransferThread(); // while there is one thread
