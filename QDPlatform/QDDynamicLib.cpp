@@ -88,17 +88,18 @@ bool QDDynamicLib::OpenQDLibrary(const char* name, char* errorText, unsigned int
 {
     m_Path.Clear();
     char fileName[kFileNameBytes];
+    // Not tried when it does not fit: the cut name could be that of another file.
     if (qd_sprintf(fileName, sizeof fileName, "lib%s.so", name) >= QDFormatEncodingError) {
         qd_strcpy(errorText, errorSize, kNameTooLong);
         return false;
     }
     CQDFilePath program;
     program.SetToModuleFileName();
-    if (program.IsEmpty()) { // a path that is not absolute would be looked for in the current folder
+    if (program.IsEmpty()) { // without a folder the loader would search the current one and the system's
         qd_strcpy(errorText, errorSize, "The path of the running program is not known");
         return false;
     }
-    program.ChangeNameAndExtension(""); // its folder; also where that is "/"
+    program.ChangeNameAndExtension(""); // its folder
     for (const char* folder : kPlugInFolders) {
         m_Path.SetFromString(program.GetPath());
         if (folder[0] != '\0')

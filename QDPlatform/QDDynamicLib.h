@@ -11,10 +11,15 @@
 //         entry = library.FindFunction("qd_protocol_entry");
 //
 // Symbols are bound when they are first called; those of the library are not offered to libraries that are loaded
-// later. Names must not be null. Nothing is logged. Thread:  one at a time. What FindFunction() found may be called as
-// the library itself permits. Owns:    the loaded library from a load that succeeds until UnloadLibrary(), or the next
-// load. The destructor does not
-//          unload: functions that were found stay valid for the rest of the process.
+// later. Names must not be null. Nothing is logged.
+//
+// A load gives up what was loaded before, but only after its attempts. So a library that is loaded again is the one in
+// memory, even where its file has been replaced since.
+//
+// Thread:  one at a time. What FindFunction() found may be called as the library itself permits.
+//
+// Owns:    the loaded library, from a load that succeeds until UnloadLibrary() or the next load. The destructor does
+//          not unload: functions that were found stay valid for the rest of the process.
 class QD_API QDDynamicLib
 {
 public:
@@ -25,13 +30,13 @@ public:
     ~QDDynamicLib();
 
     // Loads "lib<name>.so", one of the product's own libraries. It is looked for beside the program that this process
-    // runs (CQDFilePath::SetToModuleFileName()): in the folder "../lib/quendrel-scada" as seen from the program's, then
-    // in "../lib", then in the program's own. The first that can be loaded is taken.
+    // runs, whose path has at most 511 bytes (CQDFilePath::SetToModuleFileName()): in the folder
+    // "../lib/quendrel-scada" as seen from the program's, then in "../lib", then in the program's own. The first that
+    // can be loaded is taken.
     //
     // Returns true when one was loaded. On failure nothing is loaded, and `errorText` holds the loader's text on the
     // last of the three, or says that the name has more than 1017 bytes or that the program's path cannot be found out.
-    // The text is cut to `errorSize` - 1 bytes; `errorSize` is at least 1. On success `errorText` stays as it was. In
-    // either case what was loaded before is unloaded, after the attempts.
+    // The text is cut to `errorSize` - 1 bytes; `errorSize` is at least 1. On success `errorText` stays as it was.
     bool LoadQDLibrary(const char* name, char* errorText, unsigned int errorSize);
 
     // Loads a library of the operating system from where the system's loader finds it: "lib<name>.so", the link that
@@ -39,12 +44,12 @@ public:
     //
     // Returns true when one was loaded; `errorText` is then empty. On failure nothing is loaded, and `errorText` holds
     // the loader's text on the second name, or says that the name is too long: either file name has 1023 bytes at most.
-    // The text is cut as above. In either case what was loaded before is unloaded, after the attempts.
+    // The text is cut as above.
     bool LoadOSLibrary(const char* name, int majorVersion, char* errorText, unsigned int errorSize);
 
     // The address of a function or datum of the library, or of one that the library depends on; null when there is none
     // of that name, and when nothing is loaded. Where null is returned although a library is loaded, dlerror() tells
-    // the reason.
+    // the reason, unless the symbol's own value is null.
     void* FindFunction(const char* symbol);
 
     // Gives the library up, and clears the path. The library leaves memory when nobody else holds it; what was found in

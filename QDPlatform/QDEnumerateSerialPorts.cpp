@@ -2,7 +2,6 @@
 
 #include <QDPlatform/CTextOutput.h>
 
-#include <cerrno>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
@@ -18,39 +17,8 @@ constexpr unsigned int kMaxNameLength = 58; // bytes of an entry's name behind t
 
 constexpr int kFirstLineCapacity = 512; // bytes, terminator included
 constexpr int kLineCapacity = 256;
-constexpr char kWhiteSpace[] = " \t\n\v\f\r"; // in every locale
-
-// The next calls are repeated when a signal interrupts them before they did anything.
-
-std::FILE* OpenFile(const char* path)
-{
-    std::FILE* file = nullptr;
-    do
-        file = std::fopen(path, "re");
-    while (file == nullptr && errno == EINTR);
-    return file;
-}
-
-DIR* OpenFolder(const char* path)
-{
-    DIR* folder = nullptr;
-    do
-        folder = ::opendir(path);
-    while (folder == nullptr && errno == EINTR);
-    return folder;
-}
-
-// Null at the end of the folder and on errors. Counts each call of the system.
-const dirent* ReadEntry(DIR* folder, int32_t& callCount)
-{
-    const dirent* entry = nullptr;
-    do {
-        errno = 0;
-        entry = ::readdir(folder);
-        ++callCount;
-    } while (entry == nullptr && errno == EINTR);
-    return entry;
-}
+// What isspace(3) accepts in the C locale; the process's locale does not count.
+constexpr char kWhiteSpace[] = " \t\n\v\f\r";
 
 // Takes the next field off `text`; an empty one at its end.
 std::string TakeField(const char*& text)
@@ -76,7 +44,7 @@ const qdchar* QDEnumerateSerialPorts::FirstPort()
     if (!ParseProcTTYDrivers())
         return nullptr;
     m_DriverPosition = m_Drivers.begin();
-    m_pDirectorySearch = OpenFolder("/dev");
+    m_pDirectorySearch = ::opendir("/dev");
     if (m_pDirectorySearch == nullptr)
         return nullptr;
     m_ReadDirCallCount = 0;
@@ -88,10 +56,14 @@ const qdchar* QDEnumerateSerialPorts::NextPort()
 {
     if (m_pDirectorySearch == nullptr)
         return nullptr;
-    while (const dirent* const entry = ReadEntry(m_pDirectorySearch, m_ReadDirCallCount)) {
+    static_assert(kDeviceFolderLength + kMaxNameLength < sizeof m_CurrentName);
+    for (;;) {
+        ++m_ReadDirCallCount;
+        const dirent* const entry = ::readdir(m_pDirectorySearch);
+        if (entry == nullptr)
+            break;
         if (!LinuxIsDeviceSerial(entry->d_name))
             continue;
-        static_assert(kDeviceFolderLength + kMaxNameLength < sizeof m_CurrentName);
         std::memcpy(m_CurrentName, kDeviceFolder, kDeviceFolderLength);
         qdchar* const name = m_CurrentName + kDeviceFolderLength;
         const unsigned int length =
@@ -124,7 +96,7 @@ void QDEnumerateSerialPorts::DumpState(CTextOutput& out) const
 // Returns false when the file cannot be opened. What cannot be read of it counts as its end.
 bool QDEnumerateSerialPorts::ParseProcTTYDrivers()
 {
-    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(OpenFile("/proc/tty/drivers"), &std::fclose);
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen("/proc/tty/drivers", "re"), &std::fclose);
     if (file == nullptr)
         return false;
     char line[kFirstLineCapacity];

@@ -20,8 +20,8 @@ class CTextOutput;
 // A port is an entry of /dev, of whatever kind, whose name begins with "tty" and with the name of a serial driver's
 // devices ("ttyS", "ttyUSB"). /proc/tty/drivers tells the drivers: each line has five fields between white space, and
 // counts when the fifth is "serial" and the second begins with "/dev/". So "ttyS" itself is a port, and "tty0" only
-// where a serial driver's devices are called "tty", or have no name behind "/dev/". Whether hardware stands behind a
-// port is not looked at. Ports come in the order of the file system, unsorted. Nothing is logged.
+// where the name of a serial driver's devices is a beginning of it. Whether hardware stands behind a port is not looked
+// at. Ports come in the order of the file system, unsorted. Nothing is logged.
 //
 // Memory: every FirstPort() adds the serial drivers that it reads to those held, and frees none of them; make a new
 //         object to list ports again and again. May throw std::bad_alloc; nothing else fails but as the operations say.
@@ -39,7 +39,7 @@ public:
 
     // Ends the walk under way, reads the drivers again, and starts a walk at the beginning of /dev. Returns the first
     // port's path; null when there is none, and when /proc/tty/drivers or /dev cannot be opened, which is not told
-    // apart.
+    // apart. A call of the system that a signal interrupts has failed: it is not repeated.
     //
     // Of the drivers file at most 511 bytes of the first line and 255 of every other are taken for one line, the rest
     // of a longer one for a line of its own. Kept so; see RestOfALongLineIsALineOfItsOwn. The drivers read are added to
@@ -56,8 +56,9 @@ public:
     // Prints the state for a developer to look at, one level further in from the second line on: the title
     // "QDEnumerateSerialPorts state:"; "/proc/tty/devices:", which is not the file's name but kept so, and below it one
     // line "Driver serial, Device /dev/ttyS, Type serial" for each driver held; "m_pDirectorySearch %p";
-    // "m_CurrentName '%s'" with the path found last, which the end of the walk leaves; and "calls to readdir() = %d"
-    // with the entries of /dev that the walk has asked for so far, the end of /dev included.
+    // "m_CurrentName '%s'" with the path found last; and "calls to readdir() = %d" with the entries of /dev that the
+    // walk has asked for so far, the end of /dev included. Both are those of the last walk and stay when it ends and
+    // when another cannot start.
     void DumpState(CTextOutput& out) const;
 
 private:
@@ -68,7 +69,7 @@ private:
         std::string m_DeviceNode; // such as "/dev/ttyS"
         std::string m_MajorNumber;
         std::string m_MinorRange;
-        std::string m_DriverType;
+        std::string m_DriverType; // such as "serial"
     };
 
     QD_LOCAL bool ParseProcTTYDrivers();
@@ -77,8 +78,8 @@ private:
     QD_LOCAL void EndSearch();
 
     std::list<ProcTTYDriverEntry> m_Drivers;                  // the serial ones
-    std::list<ProcTTYDriverEntry>::iterator m_DriverPosition; // the first; nothing goes by it
+    std::list<ProcTTYDriverEntry>::iterator m_DriverPosition; // the first, once read; nothing goes by it
     DIR* m_pDirectorySearch{nullptr};                         // null when no walk is under way
-    int32_t m_ReadDirCallCount{0};                            // of this walk
+    int32_t m_ReadDirCallCount{0};                            // of the last walk
     qdchar m_CurrentName[64] = {};
 };

@@ -19,7 +19,6 @@
 #include <cstring>
 #include <iterator>
 #include <memory>
-#include <utility>
 
 namespace
 {
@@ -68,7 +67,8 @@ unsigned int PrefixLength(const in6_addr& mask)
     return length;
 }
 
-// family: AF_INET or AF_INET6, and the mask's in any case. A sockaddr need not be aligned for what it stands for.
+// family: AF_INET or AF_INET6; of the address, by which the mask is read whatever its own says. A sockaddr need not be
+// aligned for what it stands for.
 unsigned int PrefixLength(const sockaddr* mask, int family)
 {
     if (family == AF_INET) {

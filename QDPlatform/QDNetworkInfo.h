@@ -13,7 +13,7 @@ struct ifaddrs;
 // them.
 //
 // A plain value that changes only when a member says so. Names and addresses are bytes as the system gives them, as a
-// rule ASCII; none holds a NUL. May throw std::bad_alloc; nothing else fails but as the operations say.
+// rule ASCII, without a NUL. May throw std::bad_alloc; nothing else fails but as the operations say.
 //
 // Thread: one at a time; any number may read.
 class QD_API QDNetworkInfo
@@ -33,7 +33,8 @@ public:
     QDNetworkInfo& operator=(const QDNetworkInfo&) = default;
     ~QDNetworkInfo();
 
-    // Logs "Read network information..." and does ReadNames() and ReadIPAddresses().
+    // Logs "Read network information..." and does ReadNames() and ReadIPAddresses(); blocks as they do.
+    // log: must not be null; not kept.
     void ReadAll(COutputLog* log);
 
     // Sets the canonical host name to what gethostname(2) says, adds it to the host names, and adds the canonical name
@@ -48,7 +49,7 @@ public:
 
     // Adds the IP addresses of all network interfaces, those that are down too, in the system's order, to those held.
     // What cannot be read is logged and left out. Logs, type Info, "Reading host addresses...", then either
-    // "...getifaddrs() returns %d" or for each address of an interface "Name '%s', Flags 0x%X (%s)" with the names of
+    // "...getifaddrs() returns %d" or for each entry of getifaddrs(3) "Name '%s', Flags 0x%X (%s)" with the names of
     // the flags, and one of
     //     "\tNo address information"
     //     "\tNo netmask information"
@@ -61,11 +62,11 @@ public:
     // differ for a mask with a gap. Kept so; see PrefixOfAMaskWithAGapEndsByFamily.
     void ReadIPAddresses(COutputLog* log);
 
-    // Sets the canonical host name. The host names stay as they are.
+    // Sets the canonical host name, which must hold no NUL. The host names stay as they are.
     void SetCanonicalHostName(const std::string& name);
 
-    // Adds a host name, also one that is held already. The host names are sorted by their bytes, upper case before
-    // lower case.
+    // Adds a host name, which must hold no NUL, also one that is held already. The host names are sorted by their
+    // bytes, upper case before lower case.
     void AddHostName(const std::string& name);
 
     // True when the canonical names are equal, and as many host names are held, equal one by one in their order. Upper

@@ -8,7 +8,8 @@
 //
 // Default attributes (pthread_rwlock_init(3p)). Failures are not reported. Not recursive for writers: by POSIX, one
 // that asks again may wait for ever. glibc refuses instead (EDEADLK), so the lock is held once and its first unlock
-// frees it. Thread: any; construction and destruction while nobody else uses it.
+// frees it.
+// Thread: any; construction and destruction while nobody else uses it.
 class QD_API CQDReaderWriterLock
 {
 public:

@@ -16,11 +16,11 @@ class COutputLog;
 //     service.CloseServiceControl();
 //
 // Log:     each line is of type Info, "SvcControl: " and the text given here, cut as COutputLog::PrefixedPrintVA()
-// does;
-//          the lines of QDSystemDBus come between. With a null log nothing is printed.
-// Thread:  one at a time, as QDSystemDBus. The commands are run with system(), which waits for them, and in the
-// meantime
-//          ignores SIGINT and SIGQUIT and blocks SIGCHLD.
+//          does; the lines of QDSystemDBus come between. With a null log nothing is printed.
+//
+// Thread:  one at a time, as QDSystemDBus. The commands are run with system(), which waits for them, ignores SIGINT
+//          and SIGQUIT in the meantime and blocks SIGCHLD.
+//
 // Owns:    its connection to the bus. `log` must outlive this object.
 class QD_API QDServiceControl
 {
@@ -43,10 +43,12 @@ public:
     ~QDServiceControl();
 
     // Decides between systemd and the init script, and sees what state the service is in. Always returns true. The
-    // argument is not looked at.
+    // argument is not looked at. A bus that is still open is closed first.
+    //
     // Where the bus can be opened, the service counts as installed when the unit's LoadState is "loaded", and as
-    // running when its ActiveState is "active"; any other answer, and none, leaves the flag as it was. Where it cannot,
-    // the service is taken as installed and running, since there is nobody to ask.
+    // running when its ActiveState is "active"; any other answer, and none, leaves the flag as it was. That is systemd
+    // even where the bus then turns this user away. Where it cannot, the service is taken as installed and running,
+    // since there is nobody to ask.
     bool OpenServiceControl(bool unused);
 
     // Closes the bus, if it is open. The kind and the flags stay.
@@ -55,8 +57,8 @@ public:
     // Starts the service.
     // Under systemd: "StartUnit" for the unit. True when the manager accepted; the service then counts as running.
     // Else runs "/etc/init.d/quendrel-scada start" with system(). Logs "Running command: %s" before and "Result = %d"
-    // behind, with what system() returned: not the exit status but the wait status, 768 for exit(3). The service then
-    // counts as running even when the script failed. True when the result is 0.
+    // behind, with what system() returned: not the exit status but the wait status, 768 for exit(3), and -1 when no
+    // process could be made. The service then counts as running even when the script failed. True when the result is 0.
     bool ServiceStart();
 
     // Stops the service: "StopUnit", or "/etc/init.d/quendrel-scada stop", as for the start. The service then counts as

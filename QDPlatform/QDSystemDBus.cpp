@@ -23,17 +23,22 @@ constexpr char kManagerInterface[] = "org.freedesktop.systemd1.Manager";
 constexpr char kUnitInterface[] = "org.freedesktop.systemd1.Unit";
 constexpr char kUnitPathStart[] = "/org/freedesktop/systemd1/unit/";
 
+constexpr char kPropertyFailure[] = "sd_bus_get_property_string( '%s', '%s' ) returns %s";
+constexpr char kMethodFailure[] = "sd_bus_call_method( Unit '%s', Method '%s' ) returns: %s";
+constexpr char kNotOpen[] = "the bus is not open";
+
+// The functions in the order of kFunctionNames.
 enum Function : int
 {
-    DefaultSystem,
-    OpenSystem,
-    FlushCloseUnref,
-    Close,
-    Unref,
-    GetPropertyText,
-    CallBusMethod,
-    ErrorFree,
-    MessageUnref
+    FunctionDefaultSystem,
+    FunctionOpenSystem,
+    FunctionFlushCloseUnref,
+    FunctionClose,
+    FunctionUnref,
+    FunctionGetPropertyString,
+    FunctionCallMethod,
+    FunctionErrorFree,
+    FunctionMessageUnref
 };
 
 constexpr char kFunctionNames[][32] = {
@@ -49,7 +54,8 @@ Type* As(void* function)
     return reinterpret_cast<Type*>(function);
 }
 
-// Whatever the locale holds for a letter, D-Bus takes only these.
+// The bytes that D-Bus takes in a path. isalnum() is deliberately not asked: in a locale of 8-bit characters it takes
+// others too.
 bool IsAsciiLetterOrDigit(unsigned char byte)
 {
     return (byte >= '0' && byte <= '9') || (byte >= 'A' && byte <= 'Z') || (byte >= 'a' && byte <= 'z');
@@ -69,6 +75,7 @@ std::string GetErrorText(const sd_bus_error& error, int result)
 
 QDSystemDBus::QDSystemDBus(COutputLog* log) : m_pOutputLog(log) {}
 
+// Without its library the connection could never be closed, so it goes first; likewise before an opening.
 QDSystemDBus::~QDSystemDBus()
 {
     CloseSystemDBus();
@@ -81,7 +88,7 @@ bool QDSystemDBus::OpenSystemDBus(const char* serviceName)
     if (!FindSystemDAPI())
         return false;
     sd_bus* bus = nullptr;
-    const bool isOpen = As<decltype(::sd_bus_open_system)>(m_Functions[OpenSystem])(&bus) >= 0;
+    const bool isOpen = As<decltype(::sd_bus_open_system)>(m_Functions[FunctionOpenSystem])(&bus) >= 0;
     m_UnitName.assign(serviceName).append(".service");
     m_pBus = isOpen ? bus : nullptr;
     return isOpen;
@@ -92,25 +99,23 @@ void QDSystemDBus::CloseSystemDBus()
     if (m_pBus == nullptr)
         return;
     PrintLog("Close");
-    As<decltype(::sd_bus_flush_close_unref)>(m_Functions[FlushCloseUnref])(std::exchange(m_pBus, nullptr));
+    As<decltype(::sd_bus_flush_close_unref)>(m_Functions[FunctionFlushCloseUnref])(std::exchange(m_pBus, nullptr));
 }
 
 bool QDSystemDBus::GetPropertyString(const char* property, std::string& value)
 {
-    if (m_pBus == nullptr) {
-        PrintLog("Get property '%s': the bus is not open", property);
+    const std::string path = GetUnitObjectPath();
+    if (m_pBus == nullptr) { // the functions may not be there
+        PrintLog(kPropertyFailure, path.c_str(), property, kNotOpen);
         return false;
     }
-    const std::string path = GetUnitObjectPath();
     sd_bus_error error{};
     char* text = nullptr;
-    const int result = As<decltype(::sd_bus_get_property_string)>(m_Functions[GetPropertyText])(
+    const int result = As<decltype(::sd_bus_get_property_string)>(m_Functions[FunctionGetPropertyString])(
         m_pBus, kManagerName, path.c_str(), kUnitInterface, property, &error, &text);
-    if (result < 0) {
-        PrintLog("sd_bus_get_property_string( '%s', '%s' ) returns %s", path.c_str(), property,
-                 GetErrorText(error, result).c_str());
-    }
-    As<decltype(::sd_bus_error_free)>(m_Functions[ErrorFree])(&error);
+    if (result < 0)
+        PrintLog(kPropertyFailure, path.c_str(), property, GetErrorText(error, result).c_str());
+    As<decltype(::sd_bus_error_free)>(m_Functions[FunctionErrorFree])(&error);
     if (result < 0)
         return false;
     value = text;
@@ -121,22 +126,20 @@ bool QDSystemDBus::GetPropertyString(const char* property, std::string& value)
 
 bool QDSystemDBus::CallMethod(const char* method)
 {
+    PrintLog("Unit '%s', call method '%s'", m_UnitName.c_str(), method);
     if (m_pBus == nullptr) {
-        PrintLog("Call method '%s': the bus is not open", method);
+        PrintLog(kMethodFailure, m_UnitName.c_str(), method, kNotOpen);
         return false;
     }
-    PrintLog("Unit '%s', call method '%s'", m_UnitName.c_str(), method);
     sd_bus_error error{};
     sd_bus_message* reply = nullptr;
-    const int result = As<decltype(::sd_bus_call_method)>(m_Functions[CallBusMethod])(
+    const int result = As<decltype(::sd_bus_call_method)>(m_Functions[FunctionCallMethod])(
         m_pBus, kManagerName, kManagerPath, kManagerInterface, method, &error, &reply, "ss", m_UnitName.c_str(),
         "replace");
-    if (result < 0) {
-        PrintLog("sd_bus_call_method( Unit '%s', Method '%s' ) returns: %s", m_UnitName.c_str(), method,
-                 GetErrorText(error, result).c_str());
-    }
-    As<decltype(::sd_bus_error_free)>(m_Functions[ErrorFree])(&error);
-    As<decltype(::sd_bus_message_unref)>(m_Functions[MessageUnref])(reply);
+    if (result < 0)
+        PrintLog(kMethodFailure, m_UnitName.c_str(), method, GetErrorText(error, result).c_str());
+    As<decltype(::sd_bus_error_free)>(m_Functions[FunctionErrorFree])(&error);
+    As<decltype(::sd_bus_message_unref)>(m_Functions[FunctionMessageUnref])(reply);
     return result >= 0;
 }
 

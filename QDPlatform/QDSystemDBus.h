@@ -12,11 +12,13 @@ struct sd_bus;
 //
 // Nothing links to libsystemd: it is loaded when the bus is opened, so that the library runs on hosts without it. The
 // bus is that of DBUS_SYSTEM_BUS_ADDRESS when this variable is set, else the system's.
+//
 // Log:     each line is of type Info, "DBus: " and the text given here, cut as COutputLog::PrefixedPrintVA() does. With
 //          a null log nothing is printed.
-// Thread:  one at a time, and the same one from OpenSystemDBus() to CloseSystemDBus(). Each call waits for the
-// manager's
-//          answer, 25 s unless systemd is configured otherwise.
+//
+// Thread:  one at a time, the same one from OpenSystemDBus() to CloseSystemDBus(). GetPropertyString() and
+//          CallMethod() wait for the answer, 25 s at most unless SYSTEMD_BUS_TIMEOUT says otherwise.
+//
 // Owns:    libsystemd and the connection. `log` must outlive this object. Texts that are passed must not be null.
 class QD_API QDSystemDBus
 {
@@ -32,8 +34,10 @@ public:
     // Closes the bus that is open, if any; loads "libsystemd.so" or else "libsystemd.so.0"; looks up nine of its
     // functions; connects. All later calls are about the unit `serviceName` with ".service" appended.
     //
-    // Returns true when connected. False leaves it closed: without the library, without one of the functions, and when
-    // the bus refuses, which alone is not logged.
+    // Returns true when the bus's socket took the connection: a bus that turns this user away shows in the first call.
+    // False leaves it closed: without the library, without one of the functions, and when nobody listens there, which
+    // alone is not logged.
+    //
     // Logs "Find libsystemd...", then "...failed: %s" with the loader's text when the library is missing, else "Locate
     // systemd functions...", and for each function "%s() found at %p" with its name and address, null when it is
     // missing; a missing one has a line "Find %s() returns: %s" with the loader's text before that.
@@ -48,15 +52,15 @@ public:
     //
     // Returns true and sets `value`, and logs "%s, %s = %s" with the unit's name, the property and the value. False
     // leaves `value` as it was and logs "sd_bus_get_property_string( '%s', '%s' ) returns %s" with the unit's object
-    // path, the property and the text of the error; "Get property '%s': the bus is not open" when it is not.
+    // path, the property and the text of the error, which is "the bus is not open" when it is not.
     bool GetPropertyString(const char* property, std::string& value);
 
     // Calls a method of the manager that takes a unit and a mode, such as "StartUnit", with this unit and "replace".
     // The manager answers when it has queued the job: the unit's state follows later.
     //
-    // Logs "Unit '%s', call method '%s'" and returns true when the manager accepted. False after logging
-    // "sd_bus_call_method( Unit '%s', Method '%s' ) returns: %s" with the text of the error; without any call after
-    // "Call method '%s': the bus is not open" alone.
+    // Logs "Unit '%s', call method '%s'" and returns true when the manager accepted. Else it logs
+    // "sd_bus_call_method( Unit '%s', Method '%s' ) returns: %s" as well, with the text of the error, which is "the bus
+    // is not open" when it is not, and returns false.
     bool CallMethod(const char* method);
 
 private:
@@ -70,8 +74,9 @@ private:
 
     COutputLog* const m_pOutputLog; // not owned, may be null
     QDDynamicLib m_SystemD;
-    void* m_Functions[kFunctionCount]{}; // in the order of the source's table; null until located
+    // In the order of the source's table. Null until located, and stale after an opening that failed.
+    void* m_Functions[kFunctionCount]{};
     bool m_AllFunctionsFound{true};
     sd_bus* m_pBus{nullptr}; // null when closed
-    std::string m_UnitName;  // the service's name and ".service"
+    std::string m_UnitName;  // the service's name and ".service"; empty until the first connection was tried
 };

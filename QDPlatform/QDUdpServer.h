@@ -16,7 +16,7 @@ class COutputLog;
 // the loop and allocates nothing; what comes faster waits in the socket, or is lost there, as UDP has it.
 // Thread: as CQDSocketThread; OnDatagramReceived() runs on the socket thread. PrintData() wherever the log may be used.
 // Owns:   the socket while it runs, and the receive buffer. Borrows the log, which must outlive it. Stop the server
-//         (StopSocketThread()) before the object is destroyed.
+//         (StopSocketThread()) before the object is destroyed, at the latest in the derived class's destructor.
 class QD_API CQDUdpServer : public CQDSocketThread
 {
 public:
@@ -46,8 +46,8 @@ protected:
 
     // A datagram has arrived. Socket thread: no other is received meanwhile.
     // socket: the server's, non-blocking, good for an answer. from, fromLength: the sender's address, a sockaddr_in.
-    // data, length: what was received, cut at the buffer's size; `length` is 0 for an empty datagram, which `data`
-    // points to all the same. Addresses and data are there during the call only.
+    // data, length: what was received, cut at the buffer's size; `length` is 0 for an empty datagram, and `data` is
+    // never null. Addresses and data are there during the call only.
     virtual void OnDatagramReceived(int socket, const sockaddr* from, unsigned int fromLength,
                                     const unsigned char* data, unsigned int length) = 0;
 

@@ -15,6 +15,7 @@
 #include <cstdarg>
 #include <new>
 #include <type_traits>
+#include <utility>
 
 namespace
 {
@@ -55,12 +56,11 @@ void CopyAsUtf8(const CQDSecureWString& text, unsigned char*& copy, uint32_t& le
 // Wipes and releases what CopyAsUtf8() made.
 void ClearCopy(unsigned char*& copy, uint32_t& length)
 {
-    if (copy == nullptr)
+    unsigned char* const memory = std::exchange(copy, nullptr);
+    if (memory == nullptr)
         return;
-    QDRandomGenerator::ClearMemory(copy, length);
-    delete[] copy;
-    copy = nullptr;
-    length = 0;
+    QDRandomGenerator::ClearMemory(memory, std::exchange(length, 0));
+    delete[] memory;
 }
 
 // Sets both of LinuxAuthenticate()'s outputs. Returns false, its result then.
@@ -109,7 +109,7 @@ bool QDUserAuthentication::LinuxAuthenticate(const CQDSecureWString& user, const
     pamError = PAM_SUCCESS;
     if (errorSize != 0)
         errorText[0] = '\0';
-    if (m_pPamStart == nullptr || m_pPamAuthenticate == nullptr || m_pPamEnd == nullptr || m_pPamStrError == nullptr)
+    if (m_pPamStrError == nullptr) // the last that is looked for: the others are there when it is
         return FailWith(PAM_SYSTEM_ERR, "PAM is not loaded", pamError, errorText, errorSize);
     if (HasNul(user) || HasNul(password)) // PAM would compare only what stands before it
         return FailWith(PAM_AUTH_ERR, "A NUL in the user name or password", pamError, errorText, errorSize);
@@ -184,9 +184,10 @@ void QDUserAuthentication::ReportDLError(COutputLog* log, const char* format, ..
 
 int QDUserAuthentication::PamCallback(int count, const pam_message**, pam_response** responses, void* context)
 {
-    if (count <= 0 || responses == nullptr)
+    if (responses == nullptr)
         return PAM_CONV_ERR;
-    auto* answers = static_cast<pam_response*>(calloc(static_cast<size_t>(count), sizeof(pam_response)));
+    auto* answers =
+        static_cast<pam_response*>(calloc(count > 1 ? static_cast<size_t>(count) : 1, sizeof(pam_response)));
     if (answers == nullptr)
         return PAM_BUF_ERR;
     answers[0].resp = strdup(reinterpret_cast<const char*>(static_cast<const PamContext*>(context)->m_pPassword));

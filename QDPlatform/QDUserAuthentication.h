@@ -36,17 +36,19 @@ public:
     ~QDUserAuthentication();
 
     // Loads "libpam.so", else "libpam.so.0", finds the functions in it, and writes "/etc/pam.d/quendrel-scada" unless
-    // there is one; a file that exists is never changed. To be called once, before any authentication; a further call
-    // does it all again.
+    // there is one. To be called once, before any authentication; a further call does it all again.
     // Returns true when the library, its functions and the file are there. Without the library the file is not looked
-    // for; without a function it is. A file that cannot be written to its end is removed, since the next call would
-    // take it for complete, and PAM would go by what is in it.
+    // for; without a function it is. A file that exists when it is looked for is never changed; one that appears
+    // between the look and the writing is. A file that cannot be written to its end is removed, since the next call
+    // would take it for complete, and PAM would go by what is in it.
     // Prints what it does and what fails to `log`, which is not null and used during the call only:
     //     "Find libpam..."; and "...failed: %s" with the loader's text
-    //     "Locate PAM functions..."; "... all functions found", or "Find pam_start(): %s" with the loader's text for
-    //         the first that is missing of pam_start, pam_authenticate, pam_end and pam_strerror
+    //     "Locate PAM functions..."; "... all functions found", or "Find pam_start(): %s" with the loader's text, or
+    //         "No error" without one, for the first that is missing of pam_start, pam_authenticate, pam_end and
+    //         pam_strerror
     //     "Find '%s'..." with the file's path; "...%s already exists" with the same, or "Generate '%s'..."; and
     //         "...Failed: %s" with the reason, "...Cannot remove it: %s" where not even that succeeds
+    // Each of at most 255 bytes.
     bool InitialiseUserAuthentication(COutputLog* log);
 
     // Returns true when PAM accepted the user. Blocks as long as the modules do: some wait for seconds after a wrong
@@ -75,13 +77,14 @@ private:
 
     QD_LOCAL static bool GeneratePamConfigurationFile(COutputLog* log);
 
-    // Prints one message: the formatted text, ": " and what dlerror() has to say, at most 255 bytes in all.
+    // Prints one message: the formatted text, ": " and what dlerror() has to say, or "No error"; at most 255 bytes in
+    // all.
     QD_LOCAL static void ReportDLError(COutputLog* log, const char* format, ...) QD_PRINTF_FORMAT(2, 3);
 
     // Answers a conversation of `count` messages, whatever they are, for `context`, a PamContext: sets `responses` to a
-    // new array of `count`, as many as the module may read, the password in the first and nothing in the others. PAM
-    // releases them with free(). Returns PAM_SUCCESS; or, with `responses` as it was, PAM_BUF_ERR without memory, and
-    // PAM_CONV_ERR when there is nothing to answer or nowhere to put it.
+    // new array of `count`, as many as the module may read, and of one where there is no message; the password in the
+    // first and nothing in the others. PAM releases them with free(). Returns PAM_SUCCESS; or, with `responses` as it
+    // was, PAM_BUF_ERR without memory, and PAM_CONV_ERR when `responses` is null.
     QD_LOCAL static int PamCallback(int count, const pam_message** messages, pam_response** responses, void* context);
 
     // Asks PAM with both copies made. Returns as LinuxAuthenticate() does.

@@ -8,7 +8,8 @@
 //
 // The locale of the process has no say. The tables hold U+0000 to U+1FFFF with gaps: ideographs and the inner code
 // points of ranges (see g_UnicodeAfterFirstN) are not found. UnicodeCharacter knows the commonest ideographs as
-// letters. Thread: everything here is read-only, so any thread at any time. Nothing allocates.
+// letters. Nothing allocates.
+// Thread: everything here is read-only, so any thread at any time.
 
 // The general categories, grouped by tens.
 enum UnicodeGeneralCategory : uint8_t

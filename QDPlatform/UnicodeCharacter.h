@@ -8,8 +8,8 @@
 
 // One code point with its properties, which are looked up when it is set.
 //
-// A plain value of 12 bytes. Thread: any; a value that one thread changes must not be used by another meanwhile.
-// Nothing allocates.
+// A plain value of 12 bytes. Nothing allocates.
+// Thread: any; a value that one thread changes must not be used by another meanwhile.
 class QD_API UnicodeCharacter
 {
 public:

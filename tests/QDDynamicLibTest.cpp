@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <filesystem>
 #include <string>
 #include <type_traits>
@@ -221,7 +222,7 @@ TEST(QDDynamicLib, PlugInNameMayHave1017Bytes)
     EXPECT_EQ(library.GetDynamicLibAddress(), nullptr);
 }
 
-TEST(QDDynamicLib, ProgramWithoutAKnownPathLoadsNothingFromTheCurrentFolder)
+TEST(QDDynamicLib, ProgramWithoutAKnownPathLoadsNothingFromElsewhere)
 {
     QDDynamicLib library;
     char error[512];
@@ -298,6 +299,7 @@ TEST(QDDynamicLib, LibraryOfTheSystemIsFoundByTheLoader)
     EXPECT_EQ(name, "libsystemd.so"); // libsystemd-dev is installed
     EXPECT_TRUE(library.GetPath().IsAbsolute());
     EXPECT_NE(library.FindFunction("sd_bus_open_system"), nullptr);
+    EXPECT_EQ(::dlsym(RTLD_DEFAULT, "sd_bus_open_system"), nullptr); // not offered to others
     library.UnloadLibrary();
 }
 
@@ -454,6 +456,21 @@ TEST(QDDynamicLib, SecondLoadReplacesTheFirst)
     ASSERT_TRUE(library.LoadQDLibrary(kPlugInName, error, sizeof error)) << error;
     ASSERT_TRUE(library.LoadOSLibrary("systemd", 0, error, sizeof error)) << error;
     EXPECT_FALSE(IsPlugInInMemory());
+    library.UnloadLibrary();
+}
+
+TEST(QDDynamicLib, SameLibraryLoadedAgainStaysInMemory)
+{
+    QDDynamicLib library;
+    char error[512] = "";
+
+    for (int load = 1; load <= 3; ++load) {
+        ASSERT_TRUE(library.LoadQDLibrary(kPlugInName, error, sizeof error)) << error;
+        void* const function = library.FindFunction("qd_test_plug_in_count_calls");
+        ASSERT_NE(function, nullptr);
+
+        EXPECT_EQ(reinterpret_cast<int (*)()>(function)(), load); // its memory is the same
+    }
     library.UnloadLibrary();
 }
 

@@ -4,11 +4,12 @@
 
 #include "AllocationCounter.h"
 #include "ChildProcess.h"
-#include "Emulation.h"
 #include "FaultPlan.h"
 #include "MountedOver.h"
 #include "OpenDescriptors.h"
 #include "ReplacedFolder.h"
+#include "SerialHost.h"
+#include "SignalCounter.h"
 #include "SmallFileSystem.h"
 #include "TemporaryFolder.h"
 #include "WaitUntil.h"
@@ -18,16 +19,19 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
+#include <csignal>
+#include <cstddef>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <memory>
 #include <new>
 #include <sstream>
 #include <string>
@@ -62,45 +66,11 @@ const char* const kUsualDrivers = "/dev/tty             /dev/tty        5       
                                   "pty_master           /dev/ptm      128 0-1048575 pty:master\n"
                                   "unknown              /dev/tty        4 1-63 console\n";
 
-// Where "/dev" leads a program of the test's kind: the emulator looks into the target's folders first.
-std::string DeviceFolder()
-{
-    const std::string targets = RunsEmulated() ? std::string(std::getenv("QEMU_LD_PREFIX")) + "/dev" : "";
-    return !targets.empty() && std::filesystem::exists(targets) ? targets : "/dev";
-}
-
-// A host whose /proc/tty/drivers and /dev are the test's own.
-class SerialHost
-{
-public:
-    explicit SerialHost(const std::string& drivers, const Names& devices = {})
-    {
-        WriteDrivers(drivers);
-        m_pDrivers = std::make_unique<MountedOver>(m_Folder / "drivers", "/proc/tty/drivers");
-        for (const std::string& name : devices)
-            WriteFileText(GetDevice(name), "");
-    }
-
-    bool IsMounted() const { return m_pDrivers->IsMounted() && m_Devices.IsMounted(); }
-
-    // Why it is not mounted.
-    const std::string& GetReason() const
-    {
-        return m_pDrivers->IsMounted() ? m_Devices.GetReason() : m_pDrivers->GetReason();
-    }
-
-    void WriteDrivers(const std::string& drivers) const { WriteFileText(m_Folder / "drivers", drivers); }
-
-    std::string GetDriversFile() const { return m_Folder / "drivers"; }
-
-    // The path of an entry of /dev.
-    std::string GetDevice(const std::string& name) const { return m_Devices / name; }
-
-private:
-    const TemporaryFolder m_Folder;
-    const ReplacedFolder m_Devices{DeviceFolder()};
-    std::unique_ptr<MountedOver> m_pDrivers;
-};
+// How the dump begins once these are read.
+const std::string kDumpOfUsualDrivers = "QDEnumerateSerialPorts state:\n"
+                                        "\t/proc/tty/devices:\n"
+                                        "\t\tDriver usbserial, Device /dev/ttyUSB, Type serial\n"
+                                        "\t\tDriver serial, Device /dev/ttyS, Type serial\n";
 
 Names ListPorts(QDEnumerateSerialPorts& ports)
 {
@@ -121,6 +91,10 @@ Names EntriesOfDeviceFolder()
 {
     Names names;
     DIR* const folder = ::opendir("/dev");
+    if (folder == nullptr) {
+        ADD_FAILURE() << std::strerror(errno);
+        return names;
+    }
     while (const dirent* const entry = ::readdir(folder))
         names.emplace_back(entry->d_name);
     ::closedir(folder);
@@ -134,6 +108,31 @@ std::string DumpOf(const QDEnumerateSerialPorts& ports)
     ports.DumpState(out);
     EXPECT_EQ(out.GetIndent(), 0);
     return out.MoveString();
+}
+
+// The line of the dump that shows the walk.
+std::string WalkLineOf(const QDEnumerateSerialPorts& ports)
+{
+    const std::string dump = DumpOf(ports);
+    const std::size_t begin = dump.find("\tm_pDirectorySearch ");
+    return begin == std::string::npos ? "none" : dump.substr(begin, dump.find('\n', begin) - begin);
+}
+
+// What comes from a terminal until it is `count` bytes, or for 20 s nothing comes.
+std::string ReadTerminal(int terminal, std::size_t count)
+{
+    std::string text;
+    while (text.size() < count) {
+        pollfd descriptor{terminal, POLLIN, 0};
+        char buffer[64];
+        if (::poll(&descriptor, 1, 20000) != 1)
+            return text;
+        const ssize_t length = ::read(terminal, buffer, sizeof buffer);
+        if (length <= 0)
+            return text;
+        text.append(buffer, static_cast<std::size_t>(length));
+    }
+    return text;
 }
 
 std::string Repeat(char c, std::size_t count)
@@ -223,6 +222,7 @@ TEST(QDEnumerateSerialPorts, DriverIsRecognisedByItsLine)
         {"white space in front", " \t serial /dev/ttyS 4 64 serial\n", s},
         {"other control characters are no white space", "serial /dev/ttyS 4 64\x1F serial\x1F\n", none},
         {"bytes above 127 are no white space", "serial /dev/ttyS 4 64 serial\xA0\n", none},
+        {"a line end of other alphabets is no white space", "serial /dev/ttyS 4 64 serial\x85\n", none},
         {"empty lines between", "\n \n\nserial /dev/ttyS 4 64 serial\n\n\n", s},
         {"node without a folder", "serial ttyS 4 64 serial\n", none},
         {"node in another folder", "serial /devices/ttyS 4 64 serial\n", none},
@@ -351,11 +351,12 @@ TEST(QDEnumerateSerialPorts, NameIsCutTo58Bytes)
 
 TEST(QDEnumerateSerialPorts, ShortNameBehindALongOneIsWhole)
 {
-    const SerialHost host(kUsualDrivers, {"ttyS0", "ttyS" + Repeat('1', 100)});
+    // One of the short names is behind the long one, whether the folder's order is that of making or its reverse.
+    const SerialHost host(kUsualDrivers, {"ttyS0", "ttyS" + Repeat('1', 100), "ttyS2"});
     if (!host.IsMounted())
         GTEST_SKIP() << host.GetReason();
 
-    EXPECT_THAT(ListPorts(), UnorderedElementsAre("/dev/ttyS0", "/dev/ttyS" + Repeat('1', 54)));
+    EXPECT_THAT(ListPorts(), UnorderedElementsAre("/dev/ttyS0", "/dev/ttyS" + Repeat('1', 54), "/dev/ttyS2"));
 }
 
 TEST(QDEnumerateSerialPorts, PathLiesInTheObjectAndIsOverwritten)
@@ -506,7 +507,7 @@ TEST(QDEnumerateSerialPorts, DriversFileThatMayNotBeReadGivesNoPorts)
         GTEST_SKIP() << host.GetReason();
     ASSERT_EQ(::chmod(host.GetDriversFile().c_str(), 0), 0);
     const UnprivilegedUser user;
-    ASSERT_NE(::access("/proc/tty/drivers", F_OK), -1);
+    ASSERT_EQ(::faccessat(AT_FDCWD, "/proc/tty/drivers", F_OK, AT_EACCESS), 0) << std::strerror(errno);
 
     EXPECT_THAT(ListPorts(), IsEmpty());
 }
@@ -534,9 +535,11 @@ TEST(QDEnumerateSerialPorts, FolderThatMayNotBeReadGivesNoPorts)
     QDEnumerateSerialPorts ports;
     {
         const UnprivilegedUser user;
+        const FaultPlan opened("opendir", 1000, EIO);
 
         EXPECT_EQ(ports.FirstPort(), nullptr);
 
+        EXPECT_EQ(opened.GetCallCount(), 1);
         EXPECT_EQ(ports.NextPort(), nullptr);
     }
     EXPECT_THAT(ListPorts(ports), ElementsAre("/dev/ttyS0"));
@@ -550,6 +553,7 @@ TEST(QDEnumerateSerialPorts, FirstPortThatFailsEndsTheWalkUnderWay)
     const int before = CountOpenDescriptors();
     QDEnumerateSerialPorts ports;
     ASSERT_NE(ports.FirstPort(), nullptr);
+    ASSERT_THAT(DumpOf(ports), testing::StartsWith(kDumpOfUsualDrivers));
     {
         const ReplacedFolder drivers("/proc/tty");
         ASSERT_TRUE(drivers.IsMounted()) << drivers.GetReason();
@@ -559,21 +563,48 @@ TEST(QDEnumerateSerialPorts, FirstPortThatFailsEndsTheWalkUnderWay)
 
     EXPECT_EQ(CountOpenDescriptors(), before);
     EXPECT_EQ(ports.NextPort(), nullptr);
+    EXPECT_THAT(DumpOf(ports), testing::StartsWith(kDumpOfUsualDrivers + "\tm_pDirectorySearch (nil)\n"))
+        << "the drivers stay";
 }
 
-TEST(QDEnumerateSerialPorts, SignalFailsNeitherOpeningNorReadingTheFolder)
+TEST(QDEnumerateSerialPorts, SignalWhileTheFolderIsOpenedOrReadEndsTheWalk)
 {
     const SerialHost host(kUsualDrivers, {"ttyS0"});
     if (!host.IsMounted())
         GTEST_SKIP() << host.GetReason();
+    const int before = CountOpenDescriptors();
     for (const char* function : {"opendir", "readdir"}) {
         SCOPED_TRACE(function);
+        QDEnumerateSerialPorts ports;
         const FaultPlan interrupted(function, 1, EINTR);
 
-        EXPECT_THAT(ListPorts(), ElementsAre("/dev/ttyS0"));
+        EXPECT_EQ(ports.FirstPort(), nullptr);
 
-        EXPECT_TRUE(interrupted.HasFailed());
+        EXPECT_EQ(interrupted.GetCallCount(), 1);
+        EXPECT_EQ(CountOpenDescriptors(), before);
+        EXPECT_EQ(ports.NextPort(), nullptr);
     }
+}
+
+TEST(QDEnumerateSerialPorts, SignalWhileTheDriversFileIsOpenedGivesNoPorts)
+{
+    const TemporaryFolder folder;
+    ASSERT_EQ(::mkfifo((folder / "drivers").c_str(), 0644), 0); // opening it waits for a writer
+    const MountedOver drivers(folder / "drivers", "/proc/tty/drivers");
+    if (!drivers.IsMounted())
+        GTEST_SKIP() << drivers.GetReason();
+    const SignalCounter signals(SIGALRM);
+    const itimerval often = {{0, 10000}, {0, 10000}};
+    const itimerval never = {};
+    QDEnumerateSerialPorts ports;
+    const FaultPlan opened("opendir", 1000, EIO);
+
+    ::setitimer(ITIMER_REAL, &often, nullptr);
+    EXPECT_EQ(ports.FirstPort(), nullptr);
+    ::setitimer(ITIMER_REAL, &never, nullptr);
+
+    EXPECT_GE(signals.GetCount(), 1);
+    EXPECT_EQ(opened.GetCallCount(), 0);
 }
 
 TEST(QDEnumerateSerialPorts, FailureWhileReadingTheFolderEndsTheWalk)
@@ -631,23 +662,36 @@ TEST(QDEnumerateSerialPorts, DumpInMidWalkAndAtItsEnd)
     const auto place = std::find(entries.begin(), entries.end(), "ttyS0") - entries.begin() + 1;
     ASSERT_EQ(entries.size(), 3u); // "." and ".." too
     QDEnumerateSerialPorts ports;
-    const std::string drivers = "QDEnumerateSerialPorts state:\n"
-                                "\t/proc/tty/devices:\n"
-                                "\t\tDriver usbserial, Device /dev/ttyUSB, Type serial\n"
-                                "\t\tDriver serial, Device /dev/ttyS, Type serial\n";
 
     ASSERT_STREQ(ports.FirstPort(), "/dev/ttyS0");
     const std::string middle = DumpOf(ports);
     ASSERT_EQ(ports.NextPort(), nullptr);
 
-    EXPECT_THAT(middle, testing::MatchesRegex(drivers +
+    EXPECT_THAT(middle, testing::MatchesRegex(kDumpOfUsualDrivers +
                                               "\tm_pDirectorySearch 0x[0-9a-f]+\n"
                                               "\tm_CurrentName '/dev/ttyS0'\n"
                                               "\tcalls to readdir\\(\\) = " +
                                               std::to_string(place) + "\n"));
-    EXPECT_EQ(DumpOf(ports), drivers + "\tm_pDirectorySearch (nil)\n"
-                                       "\tm_CurrentName '/dev/ttyS0'\n"
-                                       "\tcalls to readdir() = 4\n");
+    EXPECT_EQ(DumpOf(ports), kDumpOfUsualDrivers + "\tm_pDirectorySearch (nil)\n"
+                                                   "\tm_CurrentName '/dev/ttyS0'\n"
+                                                   "\tcalls to readdir() = 4\n");
+}
+
+TEST(QDEnumerateSerialPorts, DumpShowsTheSameFolderAllThroughAWalk)
+{
+    const SerialHost host(kUsualDrivers, {"ttyS0", "ttyS1"});
+    if (!host.IsMounted())
+        GTEST_SKIP() << host.GetReason();
+    QDEnumerateSerialPorts ports;
+    char object[64];
+    std::snprintf(object, sizeof object, "\tm_pDirectorySearch %p", static_cast<void*>(&ports));
+
+    ASSERT_NE(ports.FirstPort(), nullptr);
+    const std::string first = WalkLineOf(ports);
+    ASSERT_NE(ports.NextPort(), nullptr);
+
+    EXPECT_EQ(WalkLineOf(ports), first);
+    EXPECT_NE(first, object) << "the object in the place of the folder";
 }
 
 TEST(QDEnumerateSerialPorts, EveryFirstPortAddsTheDriversOnceMore)
@@ -746,10 +790,8 @@ TEST(QDEnumerateSerialPorts, ListedPortCarriesBytes)
     ASSERT_STREQ(path, "/dev/ttyUSB3");
     const int terminal = ::open(path, O_RDWR | O_NOCTTY | O_CLOEXEC);
     ASSERT_GE(terminal, 0) << std::strerror(errno);
-    char reply[4] = {};
     EXPECT_EQ(::write(terminal, "ping", 4), 4);
-    EXPECT_EQ(::read(terminal, reply, sizeof reply), 4);
-    EXPECT_EQ(std::memcmp(reply, "ping", 4), 0);
+    EXPECT_EQ(ReadTerminal(terminal, 4), "ping");
     ::close(terminal);
     EXPECT_EQ(ports.NextPort(), nullptr);
 }

@@ -17,21 +17,9 @@
 #include <cstddef>
 #include <cstring>
 #include <string>
-#include <vector>
 
 namespace
 {
-
-// The output of a program without the line feed at its end.
-std::string LineOf(const std::vector<std::string>& command)
-{
-    ChildProcess program(command);
-    EXPECT_EQ(program.WaitForExit(), 0) << command[0];
-    std::string text = program.GetOutput();
-    if (!text.empty() && text.back() == '\n')
-        text.pop_back();
-    return text;
-}
 
 const char* const kKernelFolder = "/proc/sys/kernel";
 

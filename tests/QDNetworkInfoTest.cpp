@@ -6,11 +6,11 @@
 #include "AllocationCounter.h"
 #include "ChildProcess.h"
 #include "FaultPlan.h"
-#include "MountedOver.h"
+#include "NamedHost.h"
+#include "NetworkInterfaces.h"
 #include "NextFunction.h"
 #include "PrivateNamespace.h"
 #include "RecordingLog.h"
-#include "TemporaryFolder.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -19,14 +19,12 @@
 #include <ifaddrs.h>
 #include <netdb.h>
 #include <netinet/in.h>
-#include <sched.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
-#include <memory>
 #include <new>
 #include <sstream>
 #include <string>
@@ -140,16 +138,19 @@ private:
     int m_FreedCount{0};
 };
 
-// What getaddrinfo() answers in the place of the system: an error, or one result.
+// What getaddrinfo() answers in the place of the system: an error, or two results, which the system gives only with a
+// name of the first.
 class ScriptedNames
 {
 public:
     ScriptedNames(int result, int error) : m_Result(result), m_Error(error) { s_pCurrent = this; }
 
-    // canonicalName: null for none.
+    // canonicalName: of the first result; null for none.
     explicit ScriptedNames(const char* canonicalName)
     {
         m_Found.ai_canonname = const_cast<char*>(canonicalName);
+        m_Found.ai_next = &m_Second;
+        m_Second.ai_canonname = m_SecondName;
         s_pCurrent = this;
     }
 
@@ -192,6 +193,8 @@ private:
     const int m_Result{0};
     const int m_Error{0};
     addrinfo m_Found{};
+    addrinfo m_Second{};
+    char m_SecondName[20] = "second.example.com";
 };
 
 } // namespace
@@ -227,48 +230,11 @@ extern "C" void freeaddrinfo(addrinfo* found) noexcept
 namespace
 {
 
-// Gives the process a host name of its own, and a hosts file that knows names. No name server is asked for these names.
-class NamedHost
-{
-public:
-    NamedHost(const std::string& name, const std::string& hosts)
-    {
-        WriteFileText(m_Folder / "hosts", hosts);
-        m_pHosts = std::make_unique<MountedOver>(m_Folder / "hosts", "/etc/hosts");
-        m_Reason = m_pHosts->GetReason();
-        if (!m_pHosts->IsMounted() || !EnterNetworkNamespace(m_Reason))
-            return;
-        m_IsThere = PrivateNamespace::Enter(CLONE_NEWUTS) && ::sethostname(name.c_str(), name.size()) == 0;
-        if (!m_IsThere)
-            m_Reason = std::string("no host name of the test's own: ") + std::strerror(errno);
-    }
-
-    bool IsThere() const { return m_IsThere; }
-
-    // Why it is not there.
-    const std::string& GetReason() const { return m_Reason; }
-
-private:
-    const TemporaryFolder m_Folder;
-    std::unique_ptr<MountedOver> m_pHosts;
-    bool m_IsThere{false};
-    std::string m_Reason;
-};
-
 std::string HostName()
 {
     char name[256] = {};
     EXPECT_EQ(::gethostname(name, sizeof name), 0);
     return name;
-}
-
-// Does commands of ip(8), one in a line.
-void DoWithIp(const std::string& commands)
-{
-    const TemporaryFolder folder;
-    WriteFileText(folder / "commands", commands);
-    ChildProcess ip({"ip", "-batch", folder / "commands"});
-    ASSERT_EQ(ip.WaitForExit(), 0) << ip.GetErrors();
 }
 
 // What the log tells of an interface: its line without the name, and the line behind it.
@@ -508,18 +474,55 @@ TEST(QDNetworkInfo, HostNameThatCannotBeReadIsLoggedAndNotLookedUp)
 
 TEST(QDNetworkInfo, HostNameThatCannotBeFoundIsHeldAlone)
 {
+    struct Case
+    {
+        int m_Result;
+        int m_Error;
+        const char* m_pText;
+    };
+
+    const Case cases[] = {
+        {EAI_NONAME, ENOENT, "getaddrinfo() returns -2. errno = 2"},
+        {EAI_SYSTEM, EMFILE, "getaddrinfo() returns -11. errno = 24"},
+    };
+    for (const Case& testCase : cases) {
+        SCOPED_TRACE(testCase.m_pText);
+        const ScriptedNames names(testCase.m_Result, testCase.m_Error);
+        QDNetworkInfo info;
+        RecordingLog log;
+
+        info.ReadNames(&log);
+
+        EXPECT_THAT(log.GetTexts(),
+                    ElementsAre("Reading host names...", "gethostname() succeeded.  HostName '" + HostName() + "'",
+                                testCase.m_pText));
+        EXPECT_EQ(info.GetCanonicalHostName(), HostName());
+        EXPECT_THAT(info.GetHostNames(), ElementsAre(HostName()));
+        EXPECT_EQ(names.m_FreedCount, 0);
+    }
+}
+
+TEST(QDNetworkInfo, CanonicalNameIsThatOfTheFirstResult)
+{
+    const ScriptedNames names("first.example.com");
+    QDNetworkInfo info;
+    RecordingLog log;
+
+    info.ReadNames(&log);
+
+    EXPECT_TRUE(log.Has("getaddrinfo() succeeded.  HostName 'first.example.com'"));
+    EXPECT_THAT(info.GetHostNames(), testing::UnorderedElementsAre("first.example.com", HostName()));
+}
+
+TEST(QDNetworkInfo, HostNameHasRoomFor255Bytes)
+{
     const ScriptedNames names(EAI_NONAME, ENOENT);
     QDNetworkInfo info;
     RecordingLog log;
 
     info.ReadNames(&log);
 
-    EXPECT_THAT(log.GetTexts(),
-                ElementsAre("Reading host names...", "gethostname() succeeded.  HostName '" + HostName() + "'",
-                            "getaddrinfo() returns -2. errno = 2"));
-    EXPECT_EQ(info.GetCanonicalHostName(), HostName());
-    EXPECT_THAT(info.GetHostNames(), ElementsAre(HostName()));
-    EXPECT_EQ(names.m_FreedCount, 0);
+    EXPECT_EQ(GetLastHostNameRoom(), 256u);
 }
 
 TEST(QDNetworkInfo, ResultWithoutACanonicalNameStandsForTheHostName)
@@ -540,7 +543,7 @@ TEST(QDNetworkInfo, ResultWithoutACanonicalNameStandsForTheHostName)
 TEST(QDNetworkInfo, LoopbackInterfaceHasAnAddressOfEachFamily)
 {
     std::string reason;
-    if (!EnterNetworkNamespace(reason))
+    if (!EnterNetworkNamespace(reason) || !HasIPv6(reason))
         GTEST_SKIP() << reason;
     QDNetworkInfo info;
     RecordingLog log;
@@ -558,16 +561,16 @@ TEST(QDNetworkInfo, LoopbackInterfaceHasAnAddressOfEachFamily)
 TEST(QDNetworkInfo, InterfacesOfBothFamiliesWithSeveralAddresses)
 {
     std::string reason;
-    if (!EnterNetworkNamespace(reason))
+    if (!EnterNetworkNamespace(reason) || !HasIPv6(reason) || !HasIpProgram(reason))
         GTEST_SKIP() << reason;
-    DoWithIp("link add qda type veth peer name qdb\n"
-             "link set qda addrgenmode none up\n"
-             "link set qdb addrgenmode none up\n"
-             "addr add 192.0.2.7/24 dev qda\n"
-             "addr add 198.51.100.9/29 dev qda\n"
-             "addr add 2001:db8::7/48 dev qda nodad\n"
-             "addr add fe80::7/64 dev qda nodad\n"
-             "addr add 203.0.113.1/32 dev qdb\n");
+    ASSERT_TRUE(DoWithIp("link add qda type veth peer name qdb\n"
+                         "link set qda addrgenmode none up\n"
+                         "link set qdb addrgenmode none up\n"
+                         "addr add 192.0.2.7/24 dev qda\n"
+                         "addr add 198.51.100.9/29 dev qda\n"
+                         "addr add 2001:db8::7/48 dev qda nodad\n"
+                         "addr add fe80::7/64 dev qda nodad\n"
+                         "addr add 203.0.113.1/32 dev qdb\n"));
     QDNetworkInfo info;
     RecordingLog log;
 
@@ -589,10 +592,10 @@ TEST(QDNetworkInfo, InterfacesOfBothFamiliesWithSeveralAddresses)
 TEST(QDNetworkInfo, InterfaceThatIsDownCountsAsWell)
 {
     std::string reason;
-    if (!EnterNetworkNamespace(reason))
+    if (!EnterNetworkNamespace(reason) || !HasIpProgram(reason))
         GTEST_SKIP() << reason;
-    DoWithIp("link add qda type veth peer name qdb\n"
-             "addr add 192.0.2.7/24 dev qda\n");
+    ASSERT_TRUE(DoWithIp("link add qda type veth peer name qdb\n"
+                         "addr add 192.0.2.7/24 dev qda\n"));
     QDNetworkInfo info;
     RecordingLog log;
 
@@ -607,12 +610,12 @@ TEST(QDNetworkInfo, InterfaceThatIsDownCountsAsWell)
 TEST(QDNetworkInfo, TunnelHasNoAddressOfItsOwnAndOneOfTwoEnds)
 {
     std::string reason;
-    if (!EnterNetworkNamespace(reason))
+    if (!EnterNetworkNamespace(reason) || !HasIpProgram(reason))
         GTEST_SKIP() << reason;
     if (::access("/dev/net/tun", R_OK | W_OK) != 0)
         GTEST_SKIP() << "no tunnels can be made: " << std::strerror(errno);
-    DoWithIp("tuntap add qdtun mode tun\n"
-             "addr add 192.0.2.1 peer 192.0.2.2/32 dev qdtun\n");
+    ASSERT_TRUE(DoWithIp("tuntap add qdtun mode tun\n"
+                         "addr add 192.0.2.1 peer 192.0.2.2/32 dev qdtun\n"));
     QDNetworkInfo info;
     RecordingLog log;
 
@@ -628,7 +631,7 @@ TEST(QDNetworkInfo, TunnelHasNoAddressOfItsOwnAndOneOfTwoEnds)
 TEST(QDNetworkInfo, ManyInterfacesAreThoseThatIpShows)
 {
     std::string reason;
-    if (!EnterNetworkNamespace(reason))
+    if (!EnterNetworkNamespace(reason) || !HasIPv6(reason) || !HasIpProgram(reason))
         GTEST_SKIP() << reason;
     std::string commands;
     for (int i = 0; i < 25; ++i) {
@@ -637,7 +640,7 @@ TEST(QDNetworkInfo, ManyInterfacesAreThoseThatIpShows)
         commands += "addr add 10." + number + ".0.1/" + std::to_string(1 + i) + " dev qda" + number + "\n";
         commands += "addr add 2001:db8:" + number + "::1/" + std::to_string(100 + i) + " dev qdb" + number + "\n";
     }
-    DoWithIp(commands);
+    ASSERT_TRUE(DoWithIp(commands));
     // Lines such as "2: qda0    inet 10.0.0.1/24 scope global qda0".
     ChildProcess ip({"ip", "-o", "addr", "show"});
     ASSERT_EQ(ip.WaitForExit(), 0) << ip.GetErrors();
@@ -831,16 +834,60 @@ TEST(QDNetworkInfo, NetmaskWithoutAFamilyIsLoggedAndLeftOut)
     EXPECT_THAT(info.GetIpAddresses(), IsEmpty());
 }
 
-TEST(QDNetworkInfo, InterfacesThatCannotBeReadAreLogged)
+TEST(QDNetworkInfo, NetmaskOfAnotherFamilyIsReadByTheFamilyOfTheAddress)
 {
     ScriptedInterfaces interfaces;
-    interfaces.FailWith(-1);
+    interfaces.Add("four", 0x1, "192.0.2.1", "ffff:ff00::");
+    interfaces.Add("six", 0x1, "2001:db8::1", "255.255.255.0");
     QDNetworkInfo info;
     RecordingLog log;
 
     info.ReadIPAddresses(&log);
 
-    EXPECT_THAT(log.GetTexts(), ElementsAre("Reading host addresses...", "...getifaddrs() returns -1"));
+    EXPECT_THAT(LogOf(log, "four"), ElementsAre("Flags 0x1 (UP)", "\tAddress family 2, getnameinfo() returns -6"));
+    EXPECT_THAT(LogOf(log, "six"),
+                ElementsAre("Flags 0x1 (UP)", "\tAddress family 10, IP Addr '2001:db8::1', NetMask '255.255.255.0'"));
+    EXPECT_THAT(AddressesOf(info), ElementsAre("2001:db8::1/0 10"));
+}
+
+TEST(QDNetworkInfo, AddressAndNetmaskAreConvertedByTheLengthOfTheFamily)
+{
+    struct Case
+    {
+        const char* m_pAddress;
+        const char* m_pNetmask;
+        unsigned int m_Length;
+    };
+
+    const Case cases[] = {{"192.0.2.1", "255.255.255.0", 16}, {"2001:db8::1", "ffff:ffff::", 28}};
+    for (const Case& testCase : cases) {
+        for (const int lastCall : {1, 2}) {
+            SCOPED_TRACE(std::string(testCase.m_pAddress) + ", call " + std::to_string(lastCall));
+            ScriptedInterfaces interfaces;
+            interfaces.Add("a", 0x1, testCase.m_pAddress, testCase.m_pNetmask);
+            QDNetworkInfo info;
+            RecordingLog log;
+            const FaultPlan failure("getnameinfo", lastCall, EAI_AGAIN);
+
+            info.ReadIPAddresses(&log);
+
+            EXPECT_EQ(failure.GetCallCount(), lastCall);
+            EXPECT_EQ(GetLastNameInfoSizes().m_AddressLength, testCase.m_Length);
+            EXPECT_EQ(GetLastNameInfoSizes().m_HostRoom, 1025u);
+        }
+    }
+}
+
+TEST(QDNetworkInfo, InterfacesThatCannotBeReadAreLogged)
+{
+    ScriptedInterfaces interfaces;
+    interfaces.FailWith(-3);
+    QDNetworkInfo info;
+    RecordingLog log;
+
+    info.ReadIPAddresses(&log);
+
+    EXPECT_THAT(log.GetTexts(), ElementsAre("Reading host addresses...", "...getifaddrs() returns -3"));
     EXPECT_THAT(info.GetIpAddresses(), IsEmpty());
     EXPECT_EQ(interfaces.GetFreedCount(), 0);
 }
@@ -861,7 +908,7 @@ TEST(QDNetworkInfo, HostWithoutInterfacesHasNoAddresses)
 
 TEST(QDNetworkInfo, ReadAllReadsNamesAndThenAddresses)
 {
-    const ScriptedNames names("canonical");
+    const ScriptedNames names("canonical.example.com");
     ScriptedInterfaces interfaces;
     interfaces.Add("a", 0x1, "192.0.2.1", "255.255.255.0");
     QDNetworkInfo info;
@@ -871,11 +918,11 @@ TEST(QDNetworkInfo, ReadAllReadsNamesAndThenAddresses)
 
     EXPECT_THAT(log.GetTexts(), ElementsAre("Read network information...", "Reading host names...",
                                             "gethostname() succeeded.  HostName '" + HostName() + "'",
-                                            "getaddrinfo() succeeded.  HostName 'canonical'",
+                                            "getaddrinfo() succeeded.  HostName 'canonical.example.com'",
                                             "Reading host addresses...", "Name 'a', Flags 0x1 (UP)",
                                             "\tAddress family 2, IP Addr '192.0.2.1', NetMask '255.255.255.0'"));
     EXPECT_EQ(info.GetCanonicalHostName(), HostName());
-    EXPECT_THAT(info.GetHostNames(), testing::UnorderedElementsAre("canonical", HostName()));
+    EXPECT_THAT(info.GetHostNames(), testing::UnorderedElementsAre("canonical.example.com", HostName()));
     EXPECT_THAT(AddressesOf(info), ElementsAre("192.0.2.1/24 2"));
 }
 

@@ -44,6 +44,8 @@ using testing::StartsWith;
 const char* const kServiceFile = "/etc/pam.d/quendrel-scada";
 
 bool g_NoMemoryForText = false;
+bool g_NoLibrary = false;
+const char* g_pLoaderText = nullptr; // in the place of the loader's own; empty: it has none
 
 struct Outcome
 {
@@ -81,11 +83,24 @@ Outcome AuthenticateWith(const PamHost& host, const std::string& service, const 
     return Authenticate(authentication, user, password);
 }
 
+// Of a log in which all was plainly printed.
+std::vector<std::string> PrintedTexts(const RecordingLog& log)
+{
+    for (const RecordingLog::Message& message : log.GetMessages()) {
+        EXPECT_EQ(message.m_Type, COutputLog::Info) << message.m_Text;
+        EXPECT_EQ(message.m_Code, 0) << message.m_Text;
+    }
+    return log.GetTexts();
+}
+
 bool FileExists(const char* path)
 {
     struct stat status = {};
     return ::stat(path, &status) == 0;
 }
+
+// Looked up in time: that, too, makes the loader forget its text.
+const auto g_Dlerror = reinterpret_cast<decltype(&::dlerror)>(::dlsym(RTLD_NEXT, "dlerror"));
 
 // The stand-in in the place of the host's PAM library.
 class StandInHost
@@ -131,6 +146,19 @@ extern "C" char* strdup(const char* text) noexcept
     return copy != nullptr ? static_cast<char*>(std::memcpy(copy, text, size)) : nullptr;
 }
 
+extern "C" void* dlopen(const char* file, int mode) noexcept
+{
+    static const auto next = reinterpret_cast<decltype(&::dlopen)>(::dlsym(RTLD_NEXT, "dlopen"));
+    return g_NoLibrary ? nullptr : next(file, mode);
+}
+
+extern "C" char* dlerror() noexcept
+{
+    if (g_pLoaderText == nullptr)
+        return g_Dlerror != nullptr ? g_Dlerror() : nullptr; // AddressSanitizer calls it before there is anything
+    return *g_pLoaderText != '\0' ? const_cast<char*>(g_pLoaderText) : nullptr;
+}
+
 // --- InitialiseUserAuthentication ----------------------------------------------------------------------------------
 
 TEST(QDUserAuthentication, IsNotCopied)
@@ -149,13 +177,9 @@ TEST(QDUserAuthentication, FirstInitialisationFindsTheFunctionsAndWritesTheServi
 
     EXPECT_TRUE(authentication.InitialiseUserAuthentication(&log));
 
-    EXPECT_THAT(log.GetTexts(),
+    EXPECT_THAT(PrintedTexts(log),
                 ElementsAre("Find libpam...", "Locate PAM functions...", "... all functions found",
                             "Find '/etc/pam.d/quendrel-scada'...", "Generate '/etc/pam.d/quendrel-scada'..."));
-    for (const RecordingLog::Message& message : log.GetMessages()) {
-        EXPECT_EQ(message.m_Type, COutputLog::Info);
-        EXPECT_EQ(message.m_Code, 0);
-    }
     EXPECT_EQ(ReadFileText(kServiceFile), "# PAM configuration for the Quendrel SCADA Server\n"
                                           "\n"
                                           "auth         sufficient     pam_ldap.so\n"
@@ -217,7 +241,7 @@ TEST(QDUserAuthentication, ExistingServiceFileIsLeftAsItIs)
 
     EXPECT_TRUE(authentication.InitialiseUserAuthentication(&log));
 
-    EXPECT_THAT(log.GetTexts(),
+    EXPECT_THAT(PrintedTexts(log),
                 ElementsAre("Find libpam...", "Locate PAM functions...", "... all functions found",
                             "Find '/etc/pam.d/quendrel-scada'...", ".../etc/pam.d/quendrel-scada already exists"));
     EXPECT_EQ(ReadFileText(kServiceFile), "# the operator's own\r\n");
@@ -234,7 +258,7 @@ TEST(QDUserAuthentication, ServiceFileThatCannotBeMadeIsAFailureWithItsReason)
 
     EXPECT_FALSE(authentication.InitialiseUserAuthentication(&log));
 
-    EXPECT_THAT(log.GetTexts(),
+    EXPECT_THAT(PrintedTexts(log),
                 ElementsAre("Find libpam...", "Locate PAM functions...", "... all functions found",
                             "Find '/etc/pam.d/quendrel-scada'...", "Generate '/etc/pam.d/quendrel-scada'...",
                             "...Failed: Read-only file system"));
@@ -252,7 +276,7 @@ TEST(QDUserAuthentication, UserWithoutPermissionCannotMakeTheServiceFile)
 
     EXPECT_FALSE(authentication.InitialiseUserAuthentication(&log));
 
-    EXPECT_EQ(log.GetTexts().back(), "...Failed: Permission denied");
+    EXPECT_EQ(PrintedTexts(log).back(), "...Failed: Permission denied");
     EXPECT_FALSE(FileExists(kServiceFile));
 }
 
@@ -281,7 +305,7 @@ TEST(QDUserAuthentication, ServiceFileForWhichThereIsNoRoomIsNotLeftBehind)
 
     EXPECT_FALSE(authentication.InitialiseUserAuthentication(&log));
 
-    EXPECT_EQ(log.GetTexts().back(), "...Failed: No space left on device");
+    EXPECT_EQ(PrintedTexts(log).back(), "...Failed: No space left on device");
     EXPECT_FALSE(FileExists(kServiceFile));
 }
 
@@ -297,7 +321,7 @@ TEST(QDUserAuthentication, PartOfAServiceFileThatCannotBeRemovedIsReported)
 
     EXPECT_FALSE(authentication.InitialiseUserAuthentication(&log));
 
-    const std::vector<std::string> texts = log.GetTexts();
+    const std::vector<std::string> texts = PrintedTexts(log);
     ASSERT_EQ(texts.size(), 7u);
     EXPECT_EQ(texts[5], "...Failed: No space left on device");
     EXPECT_EQ(texts[6], "...Cannot remove it: Permission denied");
@@ -316,12 +340,28 @@ TEST(QDUserAuthentication, SecondInitialisationDoesItAllAgainAndTheEndUnloadsThe
 
         EXPECT_TRUE(authentication.InitialiseUserAuthentication(&log));
 
-        EXPECT_THAT(log.GetTexts(),
+        EXPECT_THAT(PrintedTexts(log),
                     ElementsAre("Find libpam...", "Locate PAM functions...", "... all functions found",
                                 "Find '/etc/pam.d/quendrel-scada'...", ".../etc/pam.d/quendrel-scada already exists"));
         EXPECT_EQ(Authenticate(authentication, "qd-alice", "open sesame"), kAccepted);
     }
     EXPECT_EQ(::dlopen("libpam.so.0", RTLD_LAZY | RTLD_NOLOAD), nullptr);
+}
+
+TEST(QDUserAuthentication, LibraryThatIsNotFoundAgainIsNotCalledAnyMore)
+{
+    const PamHost host;
+    if (!host.IsReady())
+        GTEST_SKIP() << host.GetReason();
+    COutputLogNull log;
+    QDUserAuthentication authentication;
+    ASSERT_TRUE(authentication.InitialiseUserAuthentication(&log));
+
+    g_NoLibrary = true;
+    EXPECT_FALSE(authentication.InitialiseUserAuthentication(&log));
+    g_NoLibrary = false;
+
+    EXPECT_EQ(Authenticate(authentication, "qd-alice", "open sesame"), (Outcome{false, 4, "PAM is not loaded"}));
 }
 
 TEST(QDUserAuthentication, WithoutTheLibraryTheServiceFileIsNotLookedFor)
@@ -337,7 +377,7 @@ TEST(QDUserAuthentication, WithoutTheLibraryTheServiceFileIsNotLookedFor)
 
     EXPECT_FALSE(authentication.InitialiseUserAuthentication(&log));
 
-    EXPECT_THAT(log.GetTexts(),
+    EXPECT_THAT(PrintedTexts(log),
                 ElementsAre("Find libpam...",
                             testing::AllOf(StartsWith("...failed: "), EndsWith("/libpam.so.0: file too short"))));
     EXPECT_FALSE(FileExists(kServiceFile));
@@ -371,13 +411,71 @@ TEST(QDUserAuthentication, FirstMissingFunctionIsReportedAndTheServiceFileIsWrit
         EXPECT_FALSE(authentication.InitialiseUserAuthentication(&log));
 
         const std::string function = c.m_Function;
-        EXPECT_THAT(log.GetTexts(),
+        EXPECT_THAT(PrintedTexts(log),
                     ElementsAre("Find libpam...", "Locate PAM functions...",
                                 testing::AllOf(StartsWith("Find " + function + "(): /"),
                                                EndsWith(": undefined symbol: " + function)),
                                 "Find '/etc/pam.d/quendrel-scada'...", "Generate '/etc/pam.d/quendrel-scada'..."));
         EXPECT_TRUE(FileExists(kServiceFile));
         EXPECT_EQ(Authenticate(authentication, "qd-alice", "open sesame"), (Outcome{false, 4, "PAM is not loaded"}));
+    }
+}
+
+TEST(QDUserAuthentication, LoadersTextIsPrintedAsItIsUpToItsRoom)
+{
+    const std::string longText = "100%s%n" + std::string(393, 'x');
+    const PamHost host;
+    if (!host.IsReady())
+        GTEST_SKIP() << host.GetReason();
+    const MountedOver library("/dev/null", FindPamLibrary());
+    if (!library.IsMounted())
+        GTEST_SKIP() << library.GetReason();
+    RecordingLog log;
+    QDUserAuthentication authentication;
+
+    g_pLoaderText = longText.c_str();
+    EXPECT_FALSE(authentication.InitialiseUserAuthentication(&log));
+    g_pLoaderText = nullptr;
+
+    // 255 bytes in all; the log marks what it cuts.
+    EXPECT_THAT(PrintedTexts(log), ElementsAre("Find libpam...", "...failed: 100%s%n" + std::string(234, 'x') + "..."));
+}
+
+TEST(QDUserAuthentication, MissingFunctionsTextIsPrintedAsItIsUpToItsRoom)
+{
+    const std::string longText = "100%s%n" + std::string(393, 'x');
+
+    const struct
+    {
+        const char* m_Name;
+        std::string m_LoaderText;
+        std::string m_Expected;
+    } kCases[] = {
+        {"no text", "", "Find pam_end(): No error"},
+        {"as it is", "100%s%n", "Find pam_end(): 100%s%n"},
+        {"255 bytes in all", std::string(239, 'x'), "Find pam_end(): " + std::string(239, 'x')},
+        {"more", longText, "Find pam_end(): 100%s%n" + std::string(232, 'x')}, // 255 bytes in all
+    };
+
+    const PamHost host;
+    if (!host.IsReady())
+        GTEST_SKIP() << host.GetReason();
+    const MountedOver library(RECORDING_PAMS "3.so", FindPamLibrary());
+    if (!library.IsMounted())
+        GTEST_SKIP() << library.GetReason();
+
+    for (const auto& c : kCases) {
+        SCOPED_TRACE(c.m_Name);
+        RecordingLog log;
+        QDUserAuthentication authentication;
+
+        g_pLoaderText = c.m_LoaderText.c_str();
+        EXPECT_FALSE(authentication.InitialiseUserAuthentication(&log));
+        g_pLoaderText = nullptr;
+
+        const std::vector<std::string> texts = PrintedTexts(log);
+        ASSERT_EQ(texts.size(), 5u);
+        EXPECT_EQ(texts[2], c.m_Expected);
     }
 }
 
@@ -541,7 +639,7 @@ TEST(QDUserAuthentication, NulInUserOrPasswordIsRefused)
 
 TEST(QDUserAuthentication, FirstMessageOfAConversationIsAnsweredWithThePasswordAndNoOther)
 {
-    static const char* const kStyles[] = {"1", "2", "3", "4", "7", "11", "14", "41", "11111", "44441"};
+    static const char* const kStyles[] = {"", "1", "2", "3", "4", "7", "11", "14", "41", "11111", "44441"};
     const PamHost host;
     if (!host.IsReady())
         GTEST_SKIP() << host.GetReason();
@@ -566,14 +664,24 @@ TEST(QDUserAuthentication, EachOfSeveralModulesGetsThePassword)
     EXPECT_EQ(AuthenticateWith(host, service, "qd-alice", "pw-qd-alice"), kAccepted);
 }
 
-TEST(QDUserAuthentication, ConversationWithoutAMessageFails)
+TEST(QDUserAuthentication, ConversationWithoutAMessageIsAnsweredAllTheSame)
 {
-    const PamHost host;
-    if (!host.IsReady())
-        GTEST_SKIP() << host.GetReason();
+    for (const int count : {0, -1, INT_MIN}) {
+        SCOPED_TRACE(count);
+        StandInHost pam;
+        if (!pam.IsReady())
+            GTEST_SKIP() << pam.GetReason();
+        COutputLogNull log;
+        QDUserAuthentication authentication;
+        ASSERT_TRUE(authentication.InitialiseUserAuthentication(&log));
+        pam.Get().m_MessageCount = count;
 
-    EXPECT_EQ(AuthenticateWith(host, "auth required " ASKING_PAM_MODULE "\n", "qd-alice", "pw-qd-alice"),
-              (Outcome{false, 19, "Conversation error"}));
+        Authenticate(authentication, "qd-alice", "open sesame");
+
+        EXPECT_EQ(pam.Get().m_ConversationResult, 0);
+        EXPECT_TRUE(pam.Get().m_HasAnswers);
+        EXPECT_STREQ(pam.Get().m_FirstAnswer, "open sesame");
+    }
 }
 
 TEST(QDUserAuthentication, ConversationWithoutMemoryForTheAnswerFails)
@@ -612,35 +720,20 @@ TEST(QDUserAuthentication, ConversationOfMoreMessagesThanMemoryHoldsFails)
     EXPECT_FALSE(pam.Get().m_HasAnswers);
 }
 
-TEST(QDUserAuthentication, ConversationThatCannotBeAnsweredFails)
+TEST(QDUserAuthentication, ConversationWithoutAPlaceForTheAnswersFails)
 {
-    static const struct
-    {
-        const char* m_Name;
-        int m_MessageCount;
-        bool m_HasNoPlaceForAnswers;
-    } kCases[] = {
-        {"no message", 0, false},
-        {"less than none", -1, false},
-        {"no place for the answers", 1, true},
-    };
+    StandInHost pam;
+    if (!pam.IsReady())
+        GTEST_SKIP() << pam.GetReason();
+    COutputLogNull log;
+    QDUserAuthentication authentication;
+    ASSERT_TRUE(authentication.InitialiseUserAuthentication(&log));
+    pam.Get().m_MessageCount = 1;
+    pam.Get().m_HasNoPlaceForAnswers = true;
 
-    for (const auto& c : kCases) {
-        SCOPED_TRACE(c.m_Name);
-        StandInHost pam;
-        if (!pam.IsReady())
-            GTEST_SKIP() << pam.GetReason();
-        COutputLogNull log;
-        QDUserAuthentication authentication;
-        ASSERT_TRUE(authentication.InitialiseUserAuthentication(&log));
-        pam.Get().m_MessageCount = c.m_MessageCount;
-        pam.Get().m_HasNoPlaceForAnswers = c.m_HasNoPlaceForAnswers;
+    Authenticate(authentication, "qd-alice", "open sesame");
 
-        Authenticate(authentication, "qd-alice", "open sesame");
-
-        EXPECT_EQ(pam.Get().m_ConversationResult, 19);
-        EXPECT_FALSE(pam.Get().m_HasAnswers);
-    }
+    EXPECT_EQ(pam.Get().m_ConversationResult, 19);
 }
 
 // --- The calls, with the stand-in ----------------------------------------------------------------------------------
@@ -696,7 +789,7 @@ TEST(QDUserAuthentication, WhatDidNotStartIsNotEnded)
     EXPECT_EQ(Authenticate(authentication, "qd-alice", "open sesame"), (Outcome{false, 4, "K\xC3\xA4se"}));
 
     EXPECT_STREQ(pam.Get().m_Calls, "pam_start quendrel-scada qd-alice\n"
-                                    "pam_strerror null 4\n");
+                                    "pam_strerror handle 4\n");
 }
 
 TEST(QDUserAuthentication, EmptyUserAndPasswordArriveEmpty)

@@ -1,4 +1,5 @@
 // The station as a program: its arguments, its log, its end.
+#include "StationProgram.h"
 #include "ChildProcess.h"
 #include "Emulation.h"
 #include "HexText.h"
@@ -56,48 +57,24 @@ bool Parse(std::vector<std::string> arguments, StationOptions& options, std::str
     return ParseStationOptions(static_cast<int>(pointers.size()), pointers.data(), options, error);
 }
 
-// The station of this build, on a port that no other test has.
-struct StationProgram
+// All input registers of block `block`, in hex.
+std::string ReadBlock(const StationProgram& station, unsigned int block)
 {
-    // folder: of its log and its registers.
-    explicit StationProgram(const std::string& folder, const std::vector<std::string>& more = {}) :
-        m_Process(Command(folder, more))
-    {}
+    LoopbackClient client(station.m_Port.Get());
+    return Ask(client, "04" + Hex16(16 * block) + "0010");
+}
 
-    bool WaitUntilItServes() const
-    {
-        return m_Process.WaitForOutput("Station: serving Modbus/TCP on port " + std::to_string(m_Port.Get()));
-    }
+// Whether the state of the station's first peer comes to be `state`.
+bool PeerComesToBe(const StationProgram& station, const std::string& state)
+{
+    return WaitUntil([&] { return ReadBlock(station, 1).substr(4, 4) == state; });
+}
 
-    std::vector<std::string> Command(const std::string& folder, const std::vector<std::string>& more = {}) const
-    {
-        std::vector<std::string> command{STATION_PROGRAM, "-port", std::to_string(m_Port.Get()), "-logdir", folder};
-        command.insert(command.end(), more.begin(), more.end());
-        return command;
-    }
-
-    void Kill()
-    {
-        m_Process.Signal(SIGKILL);
-        EXPECT_EQ(m_Process.WaitForExit(), 128 + SIGKILL);
-    }
-
-    // All input registers of block `block`, in hex.
-    std::string ReadBlock(unsigned int block) const
-    {
-        LoopbackClient client(m_Port.Get());
-        return Ask(client, "04" + Hex16(16 * block) + "0010");
-    }
-
-    // Whether the state of the first peer comes to be `state`.
-    bool PeerComesToBe(const std::string& state) const
-    {
-        return WaitUntil([&] { return ReadBlock(1).substr(4, 4) == state; });
-    }
-
-    ReservedPort m_Port;
-    ChildProcess m_Process;
-};
+void Kill(StationProgram& station)
+{
+    station.m_Process.Signal(SIGKILL);
+    EXPECT_EQ(station.m_Process.WaitForExit(), 128 + SIGKILL);
+}
 
 // Arguments for a station that gives its readings on one port and polls those of another.
 std::vector<std::string> Polling(const ReservedPort& http, const ReservedPort& peer)
@@ -169,6 +146,7 @@ TEST(StationOptions, DefaultsWithoutArguments)
 
     EXPECT_EQ(options.m_Port, 1502);
     EXPECT_EQ(options.m_HttpPort, 0);
+    EXPECT_EQ(options.m_TimePort, 0);
     EXPECT_TRUE(options.m_PollUrls.empty());
     EXPECT_EQ(options.m_LinksPerThread, 64u);
     EXPECT_EQ(options.m_LogLevel, TcpServerLinkLoggingDefault);
@@ -183,9 +161,12 @@ TEST(StationOptions, EveryOptionIsTaken)
     StationOptions options;
     std::string error;
 
-    ASSERT_TRUE(Parse({"-links", "3", "-log", "6", "-logdir", "a folder", "-help", "-port", "65535"}, options, error));
+    ASSERT_TRUE(
+        Parse({"-links", "3", "-log", "6", "-logdir", "a folder", "-help", "-time-port", "123", "-port", "65535"},
+              options, error));
 
     EXPECT_EQ(options.m_Port, 65535);
+    EXPECT_EQ(options.m_TimePort, 123);
     EXPECT_EQ(options.m_LinksPerThread, 3u);
     EXPECT_EQ(options.m_LogLevel, TcpServerLinkLoggingData);
     EXPECT_EQ(options.m_LogFolder, "a folder");
@@ -241,8 +222,13 @@ TEST(StationOptions, LimitsAreAllowed)
     EXPECT_TRUE(Parse({"-port", "1", "-links", "1", "-log", "0"}, options, error)) << error;
     EXPECT_TRUE(Parse({"-port", "65535", "-links", "64", "-log", "6"}, options, error)) << error;
     EXPECT_TRUE(Parse({"-port", "1502", "-http", "1", "-http", "65535"}, options, error)) << error;
+    EXPECT_TRUE(Parse({"-time-port", "1"}, options, error)) << error;
+    EXPECT_TRUE(Parse({"-time-port", "65535"}, options, error)) << error;
+    EXPECT_TRUE(Parse({"-port", "1502", "-time-port", "1502"}, options, error)) << error; // which is free over UDP
     EXPECT_TRUE(Parse({"-poll", "http://" + std::string(1016, 'x')}, options, error)) << error;
     EXPECT_TRUE(Parse({"-service", std::string(247, 'x')}, options, error)) << error;
+    EXPECT_TRUE(Parse({"-service", "service"}, options, error)) << error;
+    EXPECT_TRUE(Parse({"-service", "x.service.d"}, options, error)) << error;
     EXPECT_TRUE(Parse({"-logdir", std::string(1023, 'x')}, options, error)) << error;
     EXPECT_EQ(options.m_LogFolder.size(), 1023u);
 }
@@ -252,9 +238,14 @@ TEST(StationOptions, LastOfAnOptionCounts)
     StationOptions options;
     std::string error;
 
-    ASSERT_TRUE(Parse({"-port", "1000", "-port", "2000"}, options, error));
+    ASSERT_TRUE(Parse({"-port", "1000", "-port", "2000", "-time-port", "3000", "-time-port", "4000", "-logdir", "a",
+                       "-logdir", "b", "-service", "c", "-service", "d"},
+                      options, error));
 
     EXPECT_EQ(options.m_Port, 2000);
+    EXPECT_EQ(options.m_TimePort, 4000);
+    EXPECT_EQ(options.m_LogFolder, "b");
+    EXPECT_EQ(options.m_ServiceName, "d");
 }
 
 TEST(StationOptions, WhatIsWrongIsNamed)
@@ -287,6 +278,11 @@ TEST(StationOptions, WhatIsWrongIsNamed)
         {{"-http", "0"}, "-http needs a number from 1 to 65535, not \"0\""},
         {{"-http", "http://host"}, "-http needs a number from 1 to 65535, not <URL>"},
         {{"-http", "http://user:secret@b"}, "-http needs a number from 1 to 65535, not <URL>"},
+        {{"-time-port"}, "-time-port needs a number from 1 to 65535"},
+        {{"-time-port", "0"}, "-time-port needs a number from 1 to 65535, not \"0\""},
+        {{"-time-port", "65536"}, "-time-port needs a number from 1 to 65535, not \"65536\""},
+        {{"-time-port", "ntp"}, "-time-port needs a number from 1 to 65535, not \"ntp\""},
+        {{"-time-port", "-1"}, "-time-port needs a number from 1 to 65535, not \"-1\""},
         {{"-logdir", "-user:secret@b"}, "-logdir needs the name of a folder, not <URL>"},
         {{"-poll", "http://a", "http://user:secret@b"}, "unknown argument <URL>; -help lists the options"},
         {{"-poll", "http://a", "user:secret@b"}, "unknown argument <URL>; -help lists the options"},
@@ -327,6 +323,8 @@ TEST(StationOptions, WhatIsWrongIsNamed)
         {{"-service", "../x"}, "-service needs a name of letters, digits and : - _ . @ \\, not \"../x\""},
         {{"-service", "a b"}, "-service needs a name of letters, digits and : - _ . @ \\, not \"a b\""},
         {{"-service", "caf\xC3\xA9"}, "-service needs a name of letters, digits and : - _ . @ \\, not \"caf\xC3\xA9\""},
+        {{"-service", "x.service"}, "-service takes the name without its .service"},
+        {{"-service", ".service"}, "-service takes the name without its .service"},
         {{"-service", std::string(248, 'x')}, "-service takes a name of at most 247 bytes"},
         {{"-service", std::string(5000, 'x')}, "-service takes a name of at most 247 bytes"},
         {{"--help"}, "unknown argument \"--help\"; -help lists the options"},
@@ -637,7 +635,7 @@ TEST(Station, KillLeavesEveryAnsweredWriteAndNoPartOfOne)
         unsigned int answered = 0;
         for (unsigned int i = 0; i <= round; ++i)
             ASSERT_EQ(ReceivePdu(client, answered), kWriteAnswer);
-        station.Kill();
+        Kill(station);
         while (ReceivePdu(client, answered) == kWriteAnswer) {
             // Answered before the kill, too.
         }
@@ -677,7 +675,7 @@ TEST(Station, FullDiskRefusesWritesAndServesOn)
     EXPECT_EQ(Ask(client, "01 0000 0001"), "010101");
     ASSERT_TRUE(std::filesystem::remove(disk / "filler"));
     EXPECT_EQ(Ask(client, WriteRequest(3)), kWriteAnswer);
-    station.Kill();
+    Kill(station);
     const StationProgram next(disk.GetPath());
 
     ASSERT_TRUE(next.WaitUntilItServes());
@@ -698,7 +696,7 @@ TEST(Station, StartsAfterAKillWhileTheDiskIsFull)
         ASSERT_TRUE(station.WaitUntilItServes());
         LoopbackClient client(station.m_Port.Get());
         EXPECT_EQ(Ask(client, WriteRequest(1)), kWriteAnswer);
-        station.Kill();
+        Kill(station);
     }
     std::ofstream(disk / "filler") << std::string(64 * 1024, 'x');
 
@@ -737,7 +735,7 @@ TEST(Station, SaysWhatItServesAndPollsWithoutThePassword)
     const ReservedPort nobody;
     StationProgram station(folder.GetPath(), Polling(http, nobody));
     ASSERT_TRUE(station.WaitUntilItServes());
-    ASSERT_TRUE(station.PeerComesToBe("0002"));
+    ASSERT_TRUE(PeerComesToBe(station, "0002"));
 
     station.m_Process.Signal(SIGTERM);
 
@@ -760,7 +758,7 @@ TEST(Station, TransferThreadIsLoggedFromLevel4On)
     {
         const StationProgram station(folder.GetPath(), {"-log", "3", "-poll", "http://127.0.0.1:1/"});
         ASSERT_TRUE(station.WaitUntilItServes());
-        EXPECT_TRUE(station.PeerComesToBe("0002"));
+        EXPECT_TRUE(PeerComesToBe(station, "0002"));
         EXPECT_THAT(ReadFileText(folder / "station_001.log"), Not(HasSubstr("AsyncUrl")));
     }
     const StationProgram station(folder.GetPath(), {"-log", "4", "-poll", "http://127.0.0.1:1/"});
@@ -776,7 +774,7 @@ TEST(Station, WithoutHttpAndPollThereIsOnlyModbus)
     const StationProgram station(folder.GetPath(), {"-log", "6"});
     ASSERT_TRUE(station.WaitUntilItServes());
 
-    EXPECT_EQ(station.ReadBlock(0), "8402"); // 14 registers, not 16
+    EXPECT_EQ(ReadBlock(station, 0), "8402"); // 14 registers, not 16
     EXPECT_EQ(station.m_Process.GetOutput(), "Station: log in " + folder / "station_nnn.log" +
                                                  "\nStation: serving Modbus/TCP on port " +
                                                  std::to_string(station.m_Port.Get()) + "\n");
@@ -800,8 +798,8 @@ TEST(Station, NameThatDoesNotResolveHoldsUpNeitherPollsNorTheStop)
                                               "-poll", "http://127.0.0.1:" + std::to_string(http.Get()) + "/readings"});
     ASSERT_TRUE(station.WaitUntilItServes());
 
-    EXPECT_TRUE(station.PeerComesToBe("0002"));
-    EXPECT_LE(station.ReadBlock(2).substr(4, 8), "00010002"); // good, and no more than 2 s ago
+    EXPECT_TRUE(PeerComesToBe(station, "0002"));
+    EXPECT_LE(ReadBlock(station, 2).substr(4, 8), "00010002"); // good, and no more than 2 s ago
     const auto before = std::chrono::steady_clock::now();
     station.m_Process.Signal(SIGTERM);
     EXPECT_EQ(station.m_Process.WaitForExit(), 0);
@@ -823,18 +821,18 @@ TEST(Station, TwoStationsPollEachOtherAndNoticeWhenOneIsKilledAndComesBack)
         ASSERT_TRUE(station.WaitUntilItServes());
         ASSERT_TRUE(other.WaitUntilItServes());
 
-        EXPECT_TRUE(station.PeerComesToBe("0001"));
-        EXPECT_TRUE(other.PeerComesToBe("0001"));
-        other.Kill();
-        EXPECT_TRUE(station.PeerComesToBe("0002"));
+        EXPECT_TRUE(PeerComesToBe(station, "0001"));
+        EXPECT_TRUE(PeerComesToBe(other, "0001"));
+        Kill(other);
+        EXPECT_TRUE(PeerComesToBe(station, "0002"));
     }
-    const std::string old = station.ReadBlock(1);
+    const std::string old = ReadBlock(station, 1);
     EXPECT_NE(old.substr(8, 4), "FFFF");  // the readings are still there
     EXPECT_GE(old.substr(40, 4), "07E8"); // the year of the peer's clock
     const StationProgram other(otherFolder.GetPath(), Polling(otherHttp, http));
 
-    EXPECT_TRUE(station.PeerComesToBe("0001"));
-    EXPECT_TRUE(other.PeerComesToBe("0001"));
+    EXPECT_TRUE(PeerComesToBe(station, "0001"));
+    EXPECT_TRUE(PeerComesToBe(other, "0001"));
 
     const std::vector<std::string> lines = LogLinesIn(folder.GetPath());
     const auto isAboutPeer = [](const std::string& line) {

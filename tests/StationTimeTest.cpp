@@ -1,11 +1,14 @@
-// The station's time: SNTP packets, byte by byte, and the server that answers them, over real sockets.
+// The station's time: SNTP packets, byte by byte, the server that answers them, over real sockets, and the station that
+// has it.
+#include "ChildProcess.h"
 #include "HexText.h"
+#include "LoopbackClient.h"
 #include "RecordingLog.h"
+#include "TemporaryFolder.h"
 #include "UdpClient.h"
 #include "WaitUntil.h"
 
 #include <SntpPacket.h>
-#include <StationOptions.h>
 #include <TimeServer.h>
 
 #include <gmock/gmock.h>
@@ -14,16 +17,19 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <time.h>
+#include <unistd.h>
 
+#include <csignal>
 #include <cstdint>
 #include <random>
 #include <string>
-#include <vector>
 
 namespace
 {
 
-using testing::ElementsAre;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Not;
 
 constexpr long long kUnixEpoch = 116444736000000000; // 100-ns ticks since 1601
 constexpr const char* kRequestTime = "0123456789ABCDEF";
@@ -61,15 +67,6 @@ uint64_t NtpNow()
            (static_cast<uint64_t>(now.tv_nsec) << 32) / 1000000000u;
 }
 
-bool Parse(std::vector<std::string> arguments, StationOptions& options, std::string& error)
-{
-    arguments.insert(arguments.begin(), "station");
-    std::vector<char*> pointers;
-    for (std::string& argument : arguments)
-        pointers.push_back(argument.data());
-    return ParseStationOptions(static_cast<int>(pointers.size()), pointers.data(), options, error);
-}
-
 // On a port that the system chooses.
 class ProbeServer : public TimeServer
 {
@@ -83,13 +80,7 @@ public:
 
     ~ProbeServer() override { StopSocketThread(); }
 
-    unsigned short GetBoundPort() const
-    {
-        sockaddr_in address{};
-        socklen_t length = sizeof address;
-        EXPECT_EQ(::getsockname(m_Sockets[0], reinterpret_cast<sockaddr*>(&address), &length), 0);
-        return ntohs(address.sin_port);
-    }
+    unsigned short GetBoundPort() const { return ntohs(GetBoundAddress(m_Sockets[0]).sin_port); }
 
     // Has the socket thread receive a request from a sender to whom nothing can be sent: there is no port 0.
     void ReceiveUnanswerable() { TriggerServerEvent(kUnanswerable); }
@@ -107,6 +98,28 @@ protected:
 
 private:
     static constexpr int kUnanswerable = 1;
+};
+
+// A UDP socket on a port that the system chooses.
+class TakenUdpPort
+{
+public:
+    TakenUdpPort()
+    {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        EXPECT_EQ(::bind(m_Socket, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    }
+
+    TakenUdpPort(const TakenUdpPort&) = delete;
+    TakenUdpPort& operator=(const TakenUdpPort&) = delete;
+
+    ~TakenUdpPort() { ::close(m_Socket); }
+
+    unsigned short Get() const { return ntohs(GetBoundAddress(m_Socket).sin_port); }
+
+private:
+    const int m_Socket{::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
 };
 
 constexpr const char* kEventTaken = "UdpSvr@0: Thread Rx invalid command 1"; // printed behind each one
@@ -244,8 +257,12 @@ TEST(SntpPacket, WhatIsNoRequestHasNoAnswer)
     for (const auto& c : cases) {
         SCOPED_TRACE(c.m_Name);
         SntpPacket answer;
+        answer.fill(0xEE);
+        const SntpPacket before = answer;
 
         EXPECT_FALSE(MakeSntpAnswer(BytesOf(FromHex(c.m_Packet)), CQDTimestamp(kUnixEpoch), answer));
+
+        EXPECT_EQ(answer, before);
     }
 }
 
@@ -277,6 +294,20 @@ TEST(TimeServer, AnswerHasTheTimesOfArrivalAndTransmission)
     EXPECT_GE(TimeIn(answer, 40), TimeIn(answer, 32));
     EXPECT_LE(TimeIn(answer, 40), after);
     EXPECT_EQ(TimeIn(answer, 16), TimeIn(answer, 32)); // the reference is the clock that was read on arrival
+}
+
+TEST(TimeServer, TransmissionIsTimedAfterTheArrival)
+{
+    RecordingLog log;
+    ProbeServer server(&log);
+    ASSERT_TRUE(server.StartSocketThread());
+    const UdpClient client(server.GetBoundPort());
+
+    EXPECT_TRUE(WaitUntil([&] { // both may fall into one tick of the clock, but not for ever
+        client.Send(FromHex(Request("23")));
+        const std::string answer = client.Receive();
+        return answer.size() == 48 && TimeIn(answer, 40) > TimeIn(answer, 32);
+    }));
 }
 
 TEST(TimeServer, WhatIsNoRequestGetsNoAnswer)
@@ -398,52 +429,54 @@ TEST(TimeServer, GoesOnAfterAFailureToSend)
     EXPECT_EQ(client.Receive().size(), 48u);
 }
 
-TEST(StationTimeOption, IsTaken)
+TEST(StationTime, StationSaysThatItServesTimeAndWhenItStops)
 {
-    const struct
-    {
-        std::vector<std::string> m_Arguments;
-        unsigned short m_Port;
-    } cases[] = {
-        {{}, 0},
-        {{"-time-port", "1"}, 1},
-        {{"-time-port", "65535"}, 65535},
-        {{"-time-port", "123", "-time-port", "1502"}, 1502}, // which is free over UDP
-    };
+    const TemporaryFolder folder;
+    const ReservedPort port;
+    const std::string timePort = std::to_string(FindFreeUdpPort());
+    ChildProcess station(
+        {STATION_PROGRAM, "-port", std::to_string(port.Get()), "-time-port", timePort, "-logdir", folder / "station"});
+    ASSERT_TRUE(station.WaitForOutput("Station: serving Modbus/TCP")) << station.GetErrors();
 
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.m_Port);
-        StationOptions options;
-        std::string error;
+    station.Signal(SIGTERM);
 
-        ASSERT_TRUE(Parse(c.m_Arguments, options, error)) << error;
-
-        EXPECT_EQ(options.m_TimePort, c.m_Port);
-        EXPECT_EQ(options.m_Port, 1502);
-    }
+    EXPECT_EQ(station.WaitForExit(), 0);
+    EXPECT_EQ(station.GetErrors(), "");
+    EXPECT_THAT(station.GetOutput(), HasSubstr("Station: serving time over UDP on port " + timePort + "\n"));
+    EXPECT_THAT(ReadFileText(folder / "station/station_001.log"),
+                AllOf(HasSubstr(" Station: serving time over UDP on port " + timePort + "\n"),
+                      HasSubstr(" UdpSvr@" + timePort + ": Listen thread exiting\n"), Not(HasSubstr("() failed"))));
 }
 
-TEST(StationTimeOption, WhatIsWrongIsNamed)
+TEST(StationTime, StationWithoutTheOptionServesNoTime)
 {
-    const struct
-    {
-        std::vector<std::string> m_Arguments;
-        const char* m_Error;
-    } cases[] = {
-        {{"-time-port"}, "-time-port needs a number from 1 to 65535"},
-        {{"-time-port", "0"}, "-time-port needs a number from 1 to 65535, not \"0\""},
-        {{"-time-port", "65536"}, "-time-port needs a number from 1 to 65535, not \"65536\""},
-        {{"-time-port", "ntp"}, "-time-port needs a number from 1 to 65535, not \"ntp\""},
-        {{"-time-port", "-1"}, "-time-port needs a number from 1 to 65535, not \"-1\""},
-    };
+    const TemporaryFolder folder;
+    const ReservedPort port;
+    ChildProcess station({STATION_PROGRAM, "-port", std::to_string(port.Get()), "-logdir", folder / "station"});
+    ASSERT_TRUE(station.WaitForOutput("Station: serving Modbus/TCP")) << station.GetErrors();
 
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.m_Error);
-        StationOptions options;
-        std::string error;
+    station.Signal(SIGTERM);
 
-        EXPECT_FALSE(Parse(c.m_Arguments, options, error));
+    EXPECT_EQ(station.WaitForExit(), 0);
+    EXPECT_THAT(station.GetOutput(), Not(HasSubstr("serving time")));
+    EXPECT_THAT(ReadFileText(folder / "station/station_001.log"), Not(HasSubstr("UdpSvr")));
+}
 
-        EXPECT_EQ(error, c.m_Error);
-    }
+TEST(StationTime, StationThatCannotHaveItsTimePortDoesNotStart)
+{
+    const TemporaryFolder folder;
+    const ReservedPort port;
+    const TakenUdpPort taken;
+    const std::string timePort = std::to_string(taken.Get());
+
+    ChildProcess station(
+        {STATION_PROGRAM, "-port", std::to_string(port.Get()), "-time-port", timePort, "-logdir", folder / "station"});
+
+    EXPECT_EQ(station.WaitForExit(), 1);
+    EXPECT_EQ(station.GetErrors(),
+              "station: cannot listen on port " + timePort + "; the log says why. Is another program using it?\n");
+    EXPECT_THAT(station.GetOutput(), Not(HasSubstr("Station: serving")));
+    EXPECT_THAT(ReadFileText(folder / "station/station_001.log"),
+                AllOf(HasSubstr(" UdpSvr@" + timePort + ": bind() failed. Error 98: Address already in use\n"),
+                      HasSubstr(" TcpSvr@" + std::to_string(port.Get()) + ": Listen thread exiting\n")));
 }

@@ -3,7 +3,7 @@
 #include "ServiceState.h"
 
 #include <QDPlatform/COutputLogNull.h>
-#include <QDPlatform/CTextOutputString.h>
+#include <QDPlatform/CTextOutput.h>
 #include <QDPlatform/QDEnumerateSerialPorts.h>
 #include <QDPlatform/QDHostInformation.h>
 #include <QDPlatform/QDNetworkInfo.h>
@@ -12,46 +12,17 @@
 #include <QDPlatform/QDTimestamp.h>
 
 #include <cstdlib>
-#include <sstream>
 
 namespace
 {
 
-// As in "UTC-02:30"; with the seconds, where there are any.
-std::string FormatOffset(long long ticks)
+// As in "UTC-02:30"; with the seconds, where there are any. offset: in ticks.
+void PrintOffset(CTextOutput& out, long long offset)
 {
-    const long long seconds = std::llabs(ticks) / CQDTimeInterval::TicksPerSecond;
-    char text[40];
-    int length = std::snprintf(text, sizeof text, "UTC%c%02lld:%02lld", ticks < 0 ? '-' : '+', seconds / 3600,
-                               seconds / 60 % 60);
+    const long long seconds = std::llabs(offset) / CQDTimeInterval::TicksPerSecond;
+    out.Print("UTC%c%02lld:%02lld", offset < 0 ? '-' : '+', seconds / 3600, seconds / 60 % 60);
     if (seconds % 60 != 0)
-        std::snprintf(text + length, sizeof text - static_cast<std::size_t>(length), ":%02lld", seconds % 60);
-    return text;
-}
-
-// One change as the zone dumps it, which is the only way to learn of daylight-saving time and the designation: in the
-// third line is the first change. "none" when there is no change `index`.
-std::string DescribeChange(const CQDTimeZone& zone, unsigned int index)
-{
-    if (index >= zone.GetTransitionCount())
-        return "none";
-    CTextOutputString dump;
-    dump.SetLineTermination(LineTerminationLF);
-    zone.DumpTimeZone(dump);
-    std::istringstream lines(dump.GetText());
-    std::string line;
-    for (unsigned int i = 0; i < index + 3; ++i)
-        std::getline(lines, line);
-    return line;
-}
-
-// How many of the zone's changes are at `now` or before.
-unsigned int CountChangesUntil(const CQDTimestamp& now, const CQDTimeZone& zone)
-{
-    unsigned int count = 0;
-    while (count < zone.GetTransitionCount() && zone.GetTransitionTime(count) <= now.GetValue())
-        ++count;
-    return count;
+        out.Print(":%02lld", seconds % 60);
 }
 
 } // namespace
@@ -104,10 +75,9 @@ void HostReport::PrintTimeZone(const CQDTimestamp& now)
     m_Out.PrintLine("Name: %s", zone.GetIANAName().empty() ? "unknown" : zone.GetIANAName().c_str());
     m_Out.Print("Local time: ");
     m_Out.PrintDateAndTime(&zone, now.GetValue(), ' ');
-    m_Out.PrintLine(" %s", FormatOffset(zone.GetAdjustmentForTimestamp(now.GetValue())).c_str());
-    const unsigned int count = CountChangesUntil(now, zone);
-    m_Out.PrintLine("Last change: %s", count == 0 ? "none" : DescribeChange(zone, count - 1).c_str());
-    m_Out.PrintLine("Next change: %s", DescribeChange(zone, count).c_str());
+    m_Out.PrintChar(' ');
+    PrintOffset(m_Out, zone.GetAdjustmentForTimestamp(now.GetValue()));
+    m_Out.PrintLine();
     EndSection();
 }
 

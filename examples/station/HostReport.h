@@ -21,17 +21,18 @@ public:
     // The name of the host and its kernel.
     void PrintHost();
 
-    // The names of the host and the addresses of its interfaces. May wait for a name server.
+    // The names of the host and the addresses of its interfaces; what the system does not tell is left out. May wait
+    // for a name server.
     void PrintNetwork();
 
-    // The devices, in the order of /dev, or that there are none.
+    // The devices, in the order of /dev, or "none", also when the system does not tell.
     void PrintSerialPorts();
 
-    // The zone of /etc/localtime: its name, the local time and its offset at the UTC time `now`, and the changes of the
-    // offset before and behind that, as far as the zone's file lists any.
+    // The zone of /etc/localtime: its name, and the local time with its offset at the UTC time `now`. When that file
+    // cannot be used, a line says so, the name is "unknown" and the local time is UTC.
     void PrintTimeZone(const CQDTimestamp& now);
 
-    // What DescribeService() says of the service `name`.
+    // What DescribeService() says of the service `name`; waits as long as that does.
     void PrintService(const std::string& name);
 
 private:

@@ -5,8 +5,8 @@
 namespace
 {
 
-// The two answers are independent: a unit whose file was removed while it ran is running, but not installed. When
-// systemd fails to answer, both are false, too.
+// The two answers are independent: a unit whose file was removed while it ran is running, but not installed. A question
+// that systemd does not answer counts as no.
 const char* DescribeUnit(const QDServiceControl& service)
 {
     if (service.IsInstalled())
@@ -21,11 +21,8 @@ std::string DescribeService(const std::string& name, COutputLog& log)
     QDServiceControl service(name.c_str(), &log);
     service.OpenServiceControl(true);
     const std::string unit = name + ".service";
-    // Nobody has been asked then: the service control takes the service as installed and running.
-    const std::string text =
-        service.GetControlKind() == QDServiceControl::ServiceControlSystemD
-            ? "unit " + unit + ' ' + DescribeUnit(service)
-            : "no systemd can be asked about " + unit + "; it is assumed that an init script runs the station";
-    service.CloseServiceControl();
-    return text;
+    // Where nobody could be asked, the service control takes the service as installed and running.
+    if (service.GetControlKind() != QDServiceControl::ServiceControlSystemD)
+        return "no systemd can be asked about " + unit + "; it counts as run by an init script";
+    return "unit " + unit + ' ' + DescribeUnit(service);
 }

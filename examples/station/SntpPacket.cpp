@@ -18,7 +18,7 @@ constexpr unsigned int kNewestVersion = 4;
 constexpr unsigned int kClientMode = 3;
 constexpr unsigned int kServerMode = 4;
 
-// Nobody tells the station whether, and by whom, the host's clock is set. So it names the clock itself as its
+// The station does not ask whether, and by whom, the host's clock is set. So it names the clock itself as its
 // reference, by the address that stands for one, far down the hierarchy: whoever has a better source prefers that, and
 // who has none can use this. The leap indicator is 0 (no leap second is known of), for with 3, clock not synchronised,
 // clients would refuse the time. Towards this reference there is no delay and no dispersion.

@@ -20,9 +20,9 @@ using SntpPacket = std::array<unsigned char, kSntpPacketSize>;
 uint64_t NtpTimeOf(const CQDTimestamp& time);
 
 // Makes the answer to a request that arrived at `received`, but for the time of transmission, which must follow.
-// Returns false when it is to have none: it is shorter than a packet, its version is none of 1 to 4, or it does not
-// come from a client (mode 3). In particular an answer, its own or another server's, is never answered. What follows
-// the packet in a longer request is not looked at.
+// Returns false, and leaves `answer` alone, when the request is to have none: when it is shorter than a packet, its
+// version is none of 1 to 4, or it does not come from a client (mode 3). In particular an answer, its own or another
+// server's, is never answered. What follows the packet in a longer request is not looked at.
 bool MakeSntpAnswer(ByteView request, const CQDTimestamp& received, SntpPacket& answer);
 
 // Says in the answer that it is sent at `now`.

@@ -72,6 +72,15 @@ bool ParseValue(const std::string& option, const CommandArgument* value, unsigne
     return Refuse(option, needs, value, error);
 }
 
+bool ParsePort(const std::string& option, const CommandArgument* value, unsigned short& port, std::string& error)
+{
+    unsigned int number = 0;
+    if (!ParseValue(option, value, 1, 65535, number, error))
+        return false;
+    port = static_cast<unsigned short>(number);
+    return true;
+}
+
 // What begins with "-" is rather a forgotten value than a folder, which could be named ./-x.
 bool ParseFolder(const std::string& option, const CommandArgument* value, std::string& folder, std::string& error)
 {
@@ -85,7 +94,7 @@ bool ParseFolder(const std::string& option, const CommandArgument* value, std::s
     return true;
 }
 
-// Whether systemd could have a unit `name`.service.
+// Whether it has characters, and only those that the name of a unit may have.
 bool IsServiceName(const std::string& name)
 {
     constexpr const char* kCharacters = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789:-_.@\\";
@@ -96,6 +105,10 @@ bool ParseServiceName(const std::string& option, const CommandArgument* value, s
 {
     if (value == nullptr || value->m_Kind != CQDCommandArguments::ArgumentValue || !IsServiceName(value->m_Text))
         return Refuse(option, "a name of letters, digits and : - _ . @ \\", value, error);
+    if (value->m_Text.ends_with(".service")) {
+        error = option + " takes the name without its .service";
+        return false;
+    }
     if (value->m_Text.size() > kMaximumServiceNameLength) {
         error = option + " takes a name of at most " + std::to_string(kMaximumServiceNameLength) + " bytes";
         return false;
@@ -138,17 +151,14 @@ bool ParseStationOptions(int argumentCount, char** arguments, StationOptions& op
         if (option == "-help") {
             options.m_ShowHelp = true;
         } else if (option == "-port") {
-            if (!ParseValue(option, list.GetNextArgument(), 1, 65535, number, error))
+            if (!ParsePort(option, list.GetNextArgument(), options.m_Port, error))
                 return false;
-            options.m_Port = static_cast<unsigned short>(number);
         } else if (option == "-http") {
-            if (!ParseValue(option, list.GetNextArgument(), 1, 65535, number, error))
+            if (!ParsePort(option, list.GetNextArgument(), options.m_HttpPort, error))
                 return false;
-            options.m_HttpPort = static_cast<unsigned short>(number);
         } else if (option == "-time-port") {
-            if (!ParseValue(option, list.GetNextArgument(), 1, 65535, number, error))
+            if (!ParsePort(option, list.GetNextArgument(), options.m_TimePort, error))
                 return false;
-            options.m_TimePort = static_cast<unsigned short>(number);
         } else if (option == "-poll") {
             if (!ParseUrl(option, list.GetNextArgument(), options.m_PollUrls, error))
                 return false;

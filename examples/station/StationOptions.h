@@ -15,7 +15,7 @@ struct StationOptions
     TcpServerLinkLogging m_LogLevel{TcpServerLinkLoggingDefault};
     std::string m_LogFolder;             // of the log and the registers; empty for the default
     std::vector<std::string> m_PollUrls; // of the other stations' readings, at most PeerReadings::kMaximumPeers
-    std::string m_ServiceName;           // of the unit whose state is shown; empty for none
+    std::string m_ServiceName;           // of the unit whose state is shown, without .service; empty for none
     bool m_ShowReport{false};            // instead of serving
     bool m_ShowHelp{false};              // instead of all else
 };

@@ -2,6 +2,10 @@
 
 #include "SntpPacket.h"
 
+#include <QDPlatform/QDTimestamp.h>
+
+#include <sys/socket.h>
+
 #include <cerrno>
 
 TimeServer::TimeServer(COutputLog* log, unsigned short port) : CQDUdpServer(log, port, kSntpPacketSize) {}

@@ -19,6 +19,7 @@
 #include <QDPlatform/QDTimestamp.h>
 
 #include <signal.h>
+#include <time.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -61,7 +62,7 @@ int PrintAndEnd(const std::string& text)
 }
 
 // Blocks the signals that stop the station, so that WaitForStop() finds them. Threads inherit this: it must come before
-// the first one. That the reader of its output has gone must not end the station, so SIGPIPE is ignored.
+// the first one. A signal that comes during the start waits until it is asked for.
 sigset_t PrepareSignals()
 {
     sigset_t stopSignals;
@@ -69,8 +70,15 @@ sigset_t PrepareSignals()
     sigaddset(&stopSignals, SIGINT);
     sigaddset(&stopSignals, SIGTERM);
     ::pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
-    ::signal(SIGPIPE, SIG_IGN);
     return stopSignals;
+}
+
+// The signal that has asked for the stop so far; 0 when none has.
+int GetStopSoFar(const sigset_t& stopSignals)
+{
+    const timespec noTime{};
+    const int number = ::sigtimedwait(&stopSignals, nullptr, &noTime);
+    return number > 0 ? number : 0;
 }
 
 int WaitForStop(const sigset_t& stopSignals)
@@ -197,8 +205,13 @@ int RunStation(const StationOptions& options)
                                           "; is there room, and may this user write in the folder and to the newest of "
                                           "these files?");
     Show("log in " + logName);
-    if (!options.m_ServiceName.empty())
+    if (!options.m_ServiceName.empty()) {
         ShowAndLog(log, DescribeService(options.m_ServiceName, log));
+        if (const int number = GetStopSoFar(stopSignals); number != 0) { // for systemd may have taken a while
+            ShowAndLog(log, "stopped on signal " + std::to_string(number) + ", before it served");
+            return kExitStopped;
+        }
+    }
 
     RegisterFile registerFile(folder.GetPath(), log);
     ProcessImage::HoldingRegisters registers;
@@ -231,6 +244,8 @@ std::string MakeReport(const StationOptions& options)
 
 int main(int argumentCount, char** arguments)
 {
+    // That the reader of its output has gone must not end the station, and is a failed write where it is all there is.
+    ::signal(SIGPIPE, SIG_IGN);
     StationOptions options;
     std::string error;
     if (!ParseStationOptions(argumentCount, arguments, options, error))

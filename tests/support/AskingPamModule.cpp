@@ -4,10 +4,11 @@
 //
 // The argument is the styles of the messages, a digit each: 1 prompt without echo, 2 with echo, 3 error, 4 information.
 // The user is accepted when the first answer is "pw-" and the user name, and no other message has an answer, and the
-// caller wants PAM to be silent. Without an argument the conversation has no message.
+// caller wants PAM to be silent. Without an argument the conversation has no message, and one answer.
 #include <security/pam_appl.h>
 #include <security/pam_modules.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -37,7 +38,7 @@ QD_TEST_EXPORT int pam_sm_authenticate(pam_handle_t* handle, int flags, int argu
         return result;
 
     bool isAsExpected = (flags & static_cast<int>(PAM_SILENT)) != 0;
-    for (std::size_t i = 0; i < messages.size(); ++i) {
+    for (std::size_t i = 0; i < std::max<std::size_t>(messages.size(), 1); ++i) {
         const char* answer = answers[i].resp;
         isAsExpected = isAsExpected && answers[i].resp_retcode == 0 &&
                        (i == 0 ? answer != nullptr && answer == std::string("pw-") + user : answer == nullptr);

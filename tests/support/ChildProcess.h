@@ -2,6 +2,8 @@
 
 #include "WaitUntil.h"
 
+#include <gtest/gtest.h>
+
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -118,3 +120,18 @@ private:
     int m_Output{-1};
     int m_Errors{-1};
 };
+
+// The output of a program, whose status must be 0, or the test fails with its errors.
+inline std::string OutputOf(const std::vector<std::string>& command)
+{
+    ChildProcess program(command);
+    EXPECT_EQ(program.WaitForExit(), 0) << command[0] << ": " << program.GetErrors();
+    return program.GetOutput();
+}
+
+// The first line of that, without its line feed.
+inline std::string LineOf(const std::vector<std::string>& command)
+{
+    const std::string output = OutputOf(command);
+    return output.substr(0, output.find('\n'));
+}

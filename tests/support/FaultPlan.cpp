@@ -42,6 +42,8 @@ std::atomic<int> g_Calls{0};
 std::atomic<bool> g_HasFailed{false};
 
 std::atomic<bool> g_IsLastSelectUnlimited{false};
+std::atomic<NameInfoSizes> g_LastNameInfoSizes{};
+std::atomic<std::size_t> g_LastHostNameRoom{0};
 
 std::atomic<long long> g_ClockShiftSeconds{0};
 
@@ -104,6 +106,16 @@ bool IsLastSelectUnlimited()
     return g_IsLastSelectUnlimited.load();
 }
 
+NameInfoSizes GetLastNameInfoSizes()
+{
+    return g_LastNameInfoSizes.load();
+}
+
+std::size_t GetLastHostNameRoom()
+{
+    return g_LastHostNameRoom.load();
+}
+
 ClockShift::ClockShift(long long unixSeconds)
 {
     timespec now;
@@ -149,8 +161,16 @@ QD_TEST_WRAP(mkdir, (const char* path, mode_t mode) noexcept, (path, mode))
 QD_TEST_WRAP(rmdir, (const char* path) noexcept, (path))
 QD_TEST_WRAP(sem_wait, (sem_t * semaphore), (semaphore))
 QD_TEST_WRAP(sem_post, (sem_t * semaphore) noexcept, (semaphore))
-QD_TEST_WRAP(gethostname, (char* name, size_t size) noexcept, (name, size))
 QD_TEST_WRAP(fsync, (int fd), (fd))
+
+extern "C" int gethostname(char* name, size_t size) noexcept
+{
+    static const auto next = NextFunction("gethostname", &gethostname);
+    g_LastHostNameRoom.store(size);
+    if (const int error = TakeFault("gethostname"))
+        return FailWith(error);
+    return next(name, size);
+}
 
 extern "C" int select(int count, fd_set* readable, fd_set* writable, fd_set* failed, timeval* timeout)
 {
@@ -205,6 +225,7 @@ extern "C" int getnameinfo(const sockaddr* address, socklen_t length, char* host
                            socklen_t serviceSize, int flags)
 {
     static const auto next = NextFunction("getnameinfo", &getnameinfo);
+    g_LastNameInfoSizes.store({length, hostSize});
     if (const int error = TakeFault("getnameinfo"))
         return error;
     return next(address, length, host, hostSize, service, serviceSize, flags);

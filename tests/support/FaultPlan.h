@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+
 // Makes the n-th call of one system function fail, from outside: the test program defines the function itself, so the
 // library's calls arrive here first and go on to the C library unless the plan says otherwise.
 //
@@ -28,6 +30,18 @@ public:
 
 // Whether the last call of select() in the process, which may still wait, was without a time limit.
 bool IsLastSelectUnlimited();
+
+// What the last call of getnameinfo() in the process gave, whether it was made to fail or not.
+struct NameInfoSizes
+{
+    unsigned int m_AddressLength; // bytes
+    unsigned int m_HostRoom;
+};
+
+NameInfoSizes GetLastNameInfoSizes();
+
+// The bytes that the last call of gethostname() in the process had room for.
+std::size_t GetLastHostNameRoom();
 
 // Moves the real-time clock: what clock_gettime(CLOCK_REALTIME) and gettimeofday() give the program, as long as the
 // object lives. Absolute waits of the C library go by the true clock.

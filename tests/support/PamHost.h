@@ -73,10 +73,11 @@ public:
     bool MakeServicesReadOnly() { return m_Services.MakeReadOnly(); }
 
 private:
-    // The folder of the services must be there to be replaced.
-    static std::string MakeServicesFolder()
+    // The folder of the services must be there to be replaced. It is never made in the system's own /etc.
+    std::string MakeServicesFolder() const
     {
-        ::mkdir("/etc/pam.d", 0755);
+        if (m_Etc.IsMounted())
+            ::mkdir("/etc/pam.d", 0755);
         return "/etc/pam.d";
     }
 

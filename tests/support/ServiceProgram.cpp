@@ -9,9 +9,9 @@
 #include <QDPlatform/COutputLog.h>
 #include <QDPlatform/COutputLogNull.h>
 #include <QDPlatform/QDServiceControl.h>
+#include <QDPlatform/QDSystemDBus.h>
 
 #include <cstdio>
-#include <cstring>
 #include <string>
 
 namespace

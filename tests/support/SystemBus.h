@@ -11,6 +11,13 @@
 #include <utility>
 #include <vector>
 
+// As long as it lives nobody finds a system bus.
+class NoSystemBus
+{
+private:
+    const ScopedVariable m_Address{"DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent"};
+};
+
 // A bus of the test's own, which this process and its children take for the system's as long as the object lives:
 // dbus-daemon, where everybody may do everything. Fails the test when it does not come up.
 class SystemBus

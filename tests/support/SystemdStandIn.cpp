@@ -3,9 +3,10 @@
 //
 //   systemd-stand-in UNIT[=STATE]...
 //
-// UNIT is a whole name ("x.service"), STATE its ActiveState ("inactive" when there is none); "refused" makes starting
-// and stopping it an error. Prints "ready" when it can be asked, and then each request: "StartUnit NAME MODE" or
-// "Get PATH PROPERTY". Ends when the bus goes.
+// UNIT is a whole name ("x.service"), STATE its ActiveState ("inactive" when there is none), or LOADSTATE/ACTIVESTATE;
+// a LoadState that is not given is "loaded". Who asks for a state "denied" gets an error, for one "silent" no answer.
+// "refused" makes starting and stopping the unit an error. Prints "ready" when it can be asked, and then each request:
+// "StartUnit NAME MODE" or "Get PATH PROPERTY". Ends when the bus goes.
 #include <systemd/sd-bus.h>
 
 #include <cstdint>
@@ -40,14 +41,22 @@ int AnswerProperty(sd_bus_message* request, const Units& units)
     const std::string name = decoded;
     std::free(decoded);
     const auto unit = units.find(name);
-    const bool isKnown = unit != units.end();
+    const std::string states = unit != units.end() ? unit->second : "not-found/inactive";
+    const std::size_t slash = states.find('/');
+    std::string state;
     if (std::strcmp(property, "LoadState") == 0)
-        return sd_bus_reply_method_return(request, "v", "s", isKnown ? "loaded" : "not-found");
-    if (std::strcmp(property, "ActiveState") == 0)
-        return sd_bus_reply_method_return(request, "v", "s", isKnown ? unit->second.c_str() : "inactive");
-    if (std::strcmp(property, "JobTimeoutUSec") == 0)
+        state = slash == std::string::npos ? "loaded" : states.substr(0, slash);
+    else if (std::strcmp(property, "ActiveState") == 0)
+        state = slash == std::string::npos ? states : states.substr(slash + 1);
+    else if (std::strcmp(property, "JobTimeoutUSec") == 0)
         return sd_bus_reply_method_return(request, "v", "t", UINT64_C(5));
-    return sd_bus_reply_method_errorf(request, SD_BUS_ERROR_UNKNOWN_PROPERTY, "Unknown property %s", property);
+    else
+        return sd_bus_reply_method_errorf(request, SD_BUS_ERROR_UNKNOWN_PROPERTY, "Unknown property %s", property);
+    if (state == "denied")
+        return sd_bus_reply_method_errorf(request, SD_BUS_ERROR_ACCESS_DENIED, "Permission denied");
+    if (state == "silent")
+        return 1; // taken
+    return sd_bus_reply_method_return(request, "v", "s", state.c_str());
 }
 
 int AnswerJob(sd_bus_message* request, Units& units)

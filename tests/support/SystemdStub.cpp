@@ -1,9 +1,30 @@
-// A library with libsystemd's functions that are needed, which prints their calls and fails without a text of an error;
-// with QD_STUB_WITHOUT_CLOSE one of them is missing, with QD_STUB_REFUSES the bus cannot be opened.
+// A library with libsystemd's functions that are needed, which prints their calls.
+//
+//   QD_STUB_FAILS          the bus can be opened; reading a property fails without a text of an error, a method with
+//   one QD_STUB_SUCCEEDS       all calls succeed, with 1; every property is "loaded" QD_STUB_REFUSES        the bus
+//   cannot be opened QD_STUB_WITHOUT_CLOSE  one of the functions is missing
 #include <systemd/sd-bus.h>
 
+#include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
+#include <cstring>
+
+namespace
+{
+
+#ifdef QD_STUB_SUCCEEDS
+constexpr bool kSucceeds = true;
+#else
+constexpr bool kSucceeds = false;
+#endif
+
+const char* Describe(const sd_bus_error* error)
+{
+    const bool isZeroed = error->name == nullptr && error->message == nullptr && error->_need_free == 0;
+    return isZeroed ? "zeroed" : "not zeroed";
+}
+
+} // namespace
 
 extern "C" int sd_bus_default_system(sd_bus**)
 {
@@ -15,12 +36,11 @@ extern "C" int sd_bus_open_system(sd_bus** bus)
 {
     static char connection;
     std::puts("(open_system)");
-#ifdef QD_STUB_REFUSES
-    *bus = reinterpret_cast<sd_bus*>(&connection); // not to be taken for an open bus
-    return -111;
-#else
     *bus = reinterpret_cast<sd_bus*>(&connection);
-    return 0;
+#ifdef QD_STUB_REFUSES
+    return -111; // what *bus holds is not to be taken for an open bus
+#else
+    return kSucceeds ? 1 : 0;
 #endif
 }
 
@@ -44,12 +64,13 @@ extern "C" sd_bus* sd_bus_unref(sd_bus*)
 }
 
 extern "C" int sd_bus_get_property_string(sd_bus*, const char* destination, const char* path, const char* interface,
-                                          const char* member, sd_bus_error* error, char**)
+                                          const char* member, sd_bus_error* error, char** value)
 {
-    const bool isZeroed = error->name == nullptr && error->message == nullptr && error->_need_free == 0;
-    std::printf("(get_property_string %s %s %s %s %s)\n", destination, path, interface, member,
-                isZeroed ? "zeroed" : "not zeroed");
-    return -5; // EIO
+    std::printf("(get_property_string %s %s %s %s %s)\n", destination, path, interface, member, Describe(error));
+    if (!kSucceeds)
+        return -5; // EIO
+    *value = ::strdup("loaded");
+    return 1;
 }
 
 extern "C" int sd_bus_call_method(sd_bus*, const char* destination, const char* path, const char* interface,
@@ -58,10 +79,18 @@ extern "C" int sd_bus_call_method(sd_bus*, const char* destination, const char* 
 {
     static char text[] = "No such thing";
     static char message;
-    std::printf("(call_method %s %s %s %s %s)\n", destination, path, interface, member, types);
+    std::printf("(call_method %s %s %s %s %s %s", destination, path, interface, member, Describe(error), types);
+    va_list arguments;
+    va_start(arguments, types);
+    for (const char* type = types; *type == 's'; ++type)
+        std::printf(" %s", va_arg(arguments, const char*));
+    va_end(arguments);
+    std::puts(")");
+    *reply = reinterpret_cast<sd_bus_message*>(&message);
+    if (kSucceeds)
+        return 1;
     error->name = text;
     error->message = text;
-    *reply = reinterpret_cast<sd_bus_message*>(&message);
     return -2;
 }
 

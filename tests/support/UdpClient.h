@@ -10,6 +10,38 @@
 #include <cstdlib>
 #include <string>
 
+// The address that an IPv4 socket is bound to. A failure stops the program with a message.
+inline sockaddr_in GetBoundAddress(int socket)
+{
+    sockaddr_in address{};
+    socklen_t length = sizeof address;
+    if (::getsockname(socket, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+        std::perror("GetBoundAddress: getsockname");
+        std::abort();
+    }
+    return address;
+}
+
+// A UDP port that is free now, for a program that a test starts. It lies below those that the system gives to sockets
+// without a port of their own, and tests that run at the same time get different ones.
+inline unsigned short FindFreeUdpPort()
+{
+    constexpr int kFirst = 10000;
+    constexpr int kCount = 20000;
+    for (int i = 0; i < kCount; ++i) {
+        const int socket = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(static_cast<unsigned short>(kFirst + (::getpid() + i) % kCount));
+        const bool isFree = ::bind(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+        ::close(socket);
+        if (isFree)
+            return ntohs(address.sin_port);
+    }
+    std::fputs("FindFreeUdpPort: none\n", stderr);
+    std::abort();
+}
+
 // A blocking UDP client of a server on 127.0.0.1, or on another address of the loopback interface, made of plain system
 // calls. A failure that the test does not ask about stops the program with a message.
 class UdpClient
@@ -33,13 +65,7 @@ public:
     ~UdpClient() { ::close(m_Socket); }
 
     // This end's port, as the server sees it.
-    unsigned short GetLocalPort() const
-    {
-        sockaddr_in own{};
-        socklen_t length = sizeof own;
-        Require(::getsockname(m_Socket, reinterpret_cast<sockaddr*>(&own), &length) == 0, "UdpClient: getsockname");
-        return ntohs(own.sin_port);
-    }
+    unsigned short GetLocalPort() const { return ntohs(GetBoundAddress(m_Socket).sin_port); }
 
     // Sends one datagram. False when the last one met a closed port.
     bool Send(const std::string& data) const
