@@ -9,8 +9,11 @@ find_package(CURL REQUIRED)
 find_package(OpenSSL REQUIRED)
 find_package(ZLIB REQUIRED)
 # Declarations only: both libraries are loaded at run time, where they are needed.
-find_path(QD_SYSTEMD_INCLUDE_DIR systemd/sd-bus.h REQUIRED DOC "Headers of libsystemd (Debian: libsystemd-dev)")
-find_path(QD_PAM_INCLUDE_DIR security/pam_appl.h REQUIRED DOC "Headers of Linux-PAM (Debian: libpam0g-dev)")
+find_path(QD_SYSTEMD_INCLUDE_DIR systemd/sd-bus.h DOC "Headers of libsystemd")
+find_path(QD_PAM_INCLUDE_DIR security/pam_appl.h DOC "Headers of Linux-PAM")
+if(NOT QD_SYSTEMD_INCLUDE_DIR OR NOT QD_PAM_INCLUDE_DIR)
+    message(FATAL_ERROR "systemd/sd-bus.h or security/pam_appl.h is missing (Debian: libsystemd-dev, libpam0g-dev)")
+endif()
 mark_as_advanced(QD_SYSTEMD_INCLUDE_DIR QD_PAM_INCLUDE_DIR)
 
 function(qd_compile_settings target)

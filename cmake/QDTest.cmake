@@ -1,6 +1,7 @@
 # qd_add_test(NAME [PRIVATE_CODE] [THREADS] [LABEL label] [LIBRARIES lib...])
 #
-# Builds NAME.cpp with the test support and gives each of its tests to CTest. PRIVATE_CODE links the library's objects
+# Builds NAME.cpp with the test support and gives each of its tests to CTest; in a cross build the whole program as one
+# test, since starting a program under the emulator takes longer than most tests. PRIVATE_CODE links the library's objects
 # instead of the shared library, for what is not exported. THREADS: the test, or a program that it runs, has several
 # threads; ThreadSanitizer has nothing to see in the others, so its preset leaves them out. LABEL is unit (the default),
 # fault, stress or exhaustive.
@@ -29,5 +30,10 @@ function(qd_add_test name)
     if(NOT arg_LABEL)
         set(arg_LABEL unit)
     endif()
-    gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES LABELS ${arg_LABEL})
+    if(CMAKE_CROSSCOMPILING)
+        add_test(NAME ${target} COMMAND ${target} --gtest_brief=1)
+        set_tests_properties(${target} PROPERTIES LABELS ${arg_LABEL})
+    else()
+        gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES LABELS ${arg_LABEL})
+    endif()
 endfunction()

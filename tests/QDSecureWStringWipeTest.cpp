@@ -20,17 +20,6 @@
 namespace
 {
 
-// The sizes of the released arrays; each must be all zeros.
-std::vector<std::size_t> WipedSizes(const ArrayWatch& watch)
-{
-    std::vector<std::size_t> sizes;
-    for (const ArrayWatch::ReleasedArray& array : watch.GetReleased()) {
-        EXPECT_TRUE(array.m_AllZero) << "an array of " << array.m_Size << " bytes was released with its contents";
-        sizes.push_back(array.m_Size);
-    }
-    return sizes;
-}
-
 using Sizes = std::vector<std::size_t>;
 
 } // namespace

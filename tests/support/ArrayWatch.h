@@ -1,5 +1,7 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cstddef>
 #include <vector>
 
@@ -29,3 +31,14 @@ public:
     // The next allocation of an array throws std::bad_alloc.
     void FailNextAllocation();
 };
+
+// The sizes of the arrays that were released, in order. Fails the test for each that was not all zeros then.
+inline std::vector<std::size_t> WipedSizes(const ArrayWatch& watch)
+{
+    std::vector<std::size_t> sizes;
+    for (const ArrayWatch::ReleasedArray& array : watch.GetReleased()) {
+        EXPECT_TRUE(array.m_AllZero) << "an array of " << array.m_Size << " bytes was released with its contents";
+        sizes.push_back(array.m_Size);
+    }
+    return sizes;
+}
