@@ -13,6 +13,7 @@
 
 #include <netinet/in.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <string>
@@ -30,9 +31,9 @@ protected:
 
     void SetUp() override
     {
-        ChildProcess chronyd({kProgram, "--version"});
-        ASSERT_NE(chronyd.WaitForExit(), ChildProcess::kProgramNotFound)
-            << "chronyd is missing. scripts/install-packages installs it (Debian package chrony).";
+        if (::access(kProgram, X_OK) != 0)
+            GTEST_SKIP() << "chronyd is missing: scripts/install-packages leaves out the Debian package chrony where "
+                            "another program keeps the clock";
     }
 
     // Asks once. -Q -x: print and set nothing; -U -u root: as any user, without a change of user. Returns by how many
